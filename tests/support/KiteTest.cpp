@@ -1,0 +1,207 @@
+#include "support/KiteTest.h"
+
+#include <shlobj.h>
+
+#include <atomic>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <stdexcept>
+
+namespace kitetest {
+
+std::string ExeFolder() {
+    char self[MAX_PATH] = {};
+    const std::string path(self, ::GetModuleFileNameA(nullptr, self, MAX_PATH));
+    return path.substr(0, path.find_last_of('\\'));
+}
+
+bool Exists(const std::string& path) {
+    return ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string ReadFileBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream bytes;
+    bytes << in.rdbuf();
+    return bytes.str();
+}
+
+void WriteFileBytes(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << bytes;
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
+void CreateFolders(const std::string& path) {
+    const int status = ::SHCreateDirectoryExA(nullptr, path.c_str(), nullptr);
+    if (status != ERROR_SUCCESS && status != ERROR_ALREADY_EXISTS) {
+        throw std::runtime_error("cannot create " + path);
+    }
+}
+
+void RemoveTree(const std::string& path) {
+    WIN32_FIND_DATAA entry;
+    HANDLE find = ::FindFirstFileA((path + "\\*").c_str(), &entry);
+    if (find != INVALID_HANDLE_VALUE) {
+        do {
+            const std::string name = entry.cFileName;
+            if (name == "." || name == "..") continue;
+            const std::string child = path + "\\" + name;
+            ::SetFileAttributesA(child.c_str(), FILE_ATTRIBUTE_NORMAL);
+            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                RemoveTree(child);
+            } else {
+                ::DeleteFileA(child.c_str());
+            }
+        } while (::FindNextFileA(find, &entry));
+        ::FindClose(find);
+    }
+    ::RemoveDirectoryA(path.c_str());
+}
+
+TempFolder::TempFolder(const std::string& tag) {
+    static std::atomic<int> counter{0};
+    path_ = "C:\\kitetest\\" + tag + "-" + std::to_string(::GetCurrentProcessId()) + "-" +
+            std::to_string(++counter);
+    RemoveTree(path_);
+    CreateFolders(path_);
+}
+
+TempFolder::~TempFolder() { RemoveTree(path_); }
+
+RegistryValue::RegistryValue(const std::string& key, const std::string& name)
+    : key_(key), name_(name) {
+    HKEY handle = nullptr;
+    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, KEY_READ, &handle) != ERROR_SUCCESS) {
+        return;
+    }
+    DWORD bytes = 0;
+    if (::RegQueryValueExA(handle, name_.c_str(), nullptr, &type_, nullptr, &bytes) ==
+        ERROR_SUCCESS) {
+        saved_.resize(bytes);
+        ::RegQueryValueExA(handle, name_.c_str(), nullptr, &type_,
+                           reinterpret_cast<BYTE*>(&saved_[0]), &bytes);
+        existed_ = true;
+    }
+    ::RegCloseKey(handle);
+}
+
+RegistryValue::~RegistryValue() {
+    if (existed_) {
+        Set(type_, saved_);
+    } else {
+        Delete();
+    }
+}
+
+void RegistryValue::Set(DWORD type, const std::string& bytes) {
+    HKEY handle = nullptr;
+    if (::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                          &handle, nullptr) != ERROR_SUCCESS) {
+        throw std::runtime_error("cannot create HKLM\\" + key_);
+    }
+    ::RegSetValueExA(handle, name_.c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
+                     static_cast<DWORD>(bytes.size()));
+    ::RegCloseKey(handle);
+}
+
+void RegistryValue::SetString(const std::string& text) {
+    Set(REG_SZ, std::string(text.c_str(), text.size() + 1));
+}
+
+void RegistryValue::SetDword(DWORD value) {
+    Set(REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value));
+}
+
+void RegistryValue::Delete() {
+    HKEY handle = nullptr;
+    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, KEY_WRITE, &handle) == ERROR_SUCCESS) {
+        ::RegDeleteValueA(handle, name_.c_str());
+        ::RegCloseKey(handle);
+    }
+}
+
+LogTest::LogTest() : folder_("log"), dataPath_(kCommonKey, "CommonFilesDataPath") {
+    CreateFolders(DataFolder() + "\\twupdate\\log");
+    dataPath_.SetString(DataFolder());
+}
+
+std::string LogTest::LogPath() const { return DataFolder() + "\\twupdate\\log\\CRITICALFIXES.LOG"; }
+
+std::string LogTest::ReadMaskedLog() const { return MaskStamps(ReadLog()); }
+
+std::string MaskStamps(const std::string& log) {
+    static const std::regex stamp(
+        R"(\d{4}-\d{2}-\d{2}\.\d{2}:\d{2}:\d{2}( : (Entering|Exiting) ))");
+    return std::regex_replace(log, stamp, "<stamp>$1");
+}
+
+std::string Trail(const std::string& scope, const std::string& messages) {
+    return "<stamp> : Entering " + scope + "\r\n" + messages + "<stamp> : Exiting " + scope +
+           "\r\n";
+}
+
+KiteDll::KiteDll() : module_(::LoadLibraryA((ExeFolder() + "\\KITEUpdate.dll").c_str())) {
+    if (module_ == nullptr) throw std::runtime_error("cannot load KITEUpdate.dll");
+}
+
+KiteDll::~KiteDll() { ::FreeLibrary(module_); }
+
+FARPROC KiteDll::ByName(const char* name) const { return ::GetProcAddress(module_, name); }
+
+FARPROC KiteDll::ByOrdinal(WORD ordinal) const {
+    return ::GetProcAddress(module_, MAKEINTRESOURCEA(ordinal));
+}
+
+std::string Quote(const std::string& text) { return "\"" + text + "\""; }
+
+HANDLE StartProcess(const std::string& commandLine) {
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    std::string line = commandLine;
+    if (!::CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                          &process)) {
+        throw std::runtime_error("cannot start " + commandLine);
+    }
+    ::CloseHandle(process.hThread);
+    return process.hProcess;
+}
+
+ProcessResult RunProcess(const std::string& commandLine) {
+    SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
+    HANDLE readEnd = nullptr;
+    HANDLE writeEnd = nullptr;
+    if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0)) throw std::runtime_error("pipe");
+    ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = writeEnd;
+    startup.hStdError = writeEnd;
+    PROCESS_INFORMATION process = {};
+    std::string line = commandLine;
+    const BOOL started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr,
+                                          nullptr, &startup, &process);
+    ::CloseHandle(writeEnd);
+    if (!started) {
+        ::CloseHandle(readEnd);
+        throw std::runtime_error("cannot start " + commandLine);
+    }
+    ProcessResult result = {0, ""};
+    char chunk[4096];
+    DWORD count = 0;
+    while (::ReadFile(readEnd, chunk, sizeof chunk, &count, nullptr) && count > 0) {
+        result.output.append(chunk, count);
+    }
+    ::WaitForSingleObject(process.hProcess, INFINITE);
+    ::GetExitCodeProcess(process.hProcess, &result.exitCode);
+    ::CloseHandle(process.hProcess);
+    ::CloseHandle(process.hThread);
+    ::CloseHandle(readEnd);
+    return result;
+}
+
+}  // namespace kitetest

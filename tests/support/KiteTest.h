@@ -1,0 +1,114 @@
+// Shared helpers of the Windows test programs: folders and files in the Wine prefix, registry
+// values that are restored afterwards, the update log, the DLL as a host loads it, and child
+// processes.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <string>
+
+namespace kitetest {
+
+constexpr const char* kCommonKey = "Software\\Tolvix\\TallowmereCommon";
+
+std::string ExeFolder();
+bool Exists(const std::string& path);
+std::string ReadFileBytes(const std::string& path);
+void WriteFileBytes(const std::string& path, const std::string& bytes);
+void CreateFolders(const std::string& path);
+void RemoveTree(const std::string& path);
+
+// A fresh folder C:\kitetest\<tag>-<pid>-<n>, removed with its contents at the end.
+class TempFolder {
+  public:
+    explicit TempFolder(const std::string& tag);
+    ~TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string operator/(const std::string& name) const { return path_ + "\\" + name; }
+
+  private:
+    std::string path_;
+};
+
+// One HKLM value, put back as it was (or removed) when the object goes.
+class RegistryValue {
+  public:
+    RegistryValue(const std::string& key, const std::string& name);
+    ~RegistryValue();
+    RegistryValue(const RegistryValue&) = delete;
+    RegistryValue& operator=(const RegistryValue&) = delete;
+
+    void Set(DWORD type, const std::string& bytes);
+    void SetString(const std::string& text);
+    void SetDword(DWORD value);
+    void Delete();
+
+  private:
+    std::string key_;
+    std::string name_;
+    bool existed_ = false;
+    DWORD type_ = 0;
+    std::string saved_;
+};
+
+// Each test gets its own common data folder with an empty log folder, and CommonFilesDataPath
+// pointing at it.
+class LogTest : public ::testing::Test {
+  public:
+    LogTest();
+
+    std::string DataFolder() const { return folder_ / "data"; }
+    std::string LogPath() const;
+    std::string ReadLog() const { return ReadFileBytes(LogPath()); }
+    // The log with each entering and exiting stamp replaced by "<stamp>".
+    std::string ReadMaskedLog() const;
+
+    TempFolder folder_;
+    RegistryValue dataPath_;
+};
+
+// Replaces every "YYYY-MM-DD.HH:MM:SS : Entering|Exiting " stamp by "<stamp>"; a stamp of any
+// other form stays and so fails the comparison that follows.
+std::string MaskStamps(const std::string& log);
+
+// The expected trail of one scope: entering line, message lines, exiting line, CRLF each.
+std::string Trail(const std::string& scope, const std::string& messages);
+
+// KITEUpdate.dll from next to the test program, loaded with LoadLibraryA.
+class KiteDll {
+  public:
+    KiteDll();
+    ~KiteDll();
+    KiteDll(const KiteDll&) = delete;
+    KiteDll& operator=(const KiteDll&) = delete;
+
+    FARPROC ByName(const char* name) const;
+    FARPROC ByOrdinal(WORD ordinal) const;
+    template <typename Fn>
+    Fn Get(const char* name) const {
+        return reinterpret_cast<Fn>(reinterpret_cast<void*>(ByName(name)));
+    }
+
+  private:
+    HMODULE module_;
+};
+
+struct ProcessResult {
+    DWORD exitCode;
+    std::string output;  // standard output and error together
+};
+
+// Runs a command line to its end and collects what it printed.
+ProcessResult RunProcess(const std::string& commandLine);
+
+// Starts a command line without waiting; the caller owns the process handle.
+HANDLE StartProcess(const std::string& commandLine);
+
+std::string Quote(const std::string& text);
+
+}  // namespace kitetest

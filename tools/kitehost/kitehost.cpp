@@ -1,0 +1,98 @@
+// kitehost: a command-line host for KITEUpdate.dll. It loads the DLL the way an updater does
+// (LoadLibrary, exports looked up by name) and prints what each export answers.
+//
+//   kitehost [--dll PATH] COMMAND ARGS...
+//
+// The DLL is taken from next to kitehost.exe unless --dll names another.
+#include "KITEUpdate.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using Args = std::vector<std::string>;
+
+struct Command {
+    const char* name;
+    const char* usage;
+    std::size_t argCount;
+    int (*run)(HMODULE dll, const Args& args);
+};
+
+template <typename Fn>
+Fn Export(HMODULE dll, const char* name) {
+    FARPROC proc = ::GetProcAddress(dll, name);
+    if (proc == nullptr) {
+        std::fprintf(stderr, "kitehost: the DLL has no export %s\n", name);
+        std::exit(3);
+    }
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(proc));
+}
+
+int RunApplicable(HMODULE dll, const Args& args) {
+    const int level = std::atoi(args[0].c_str());
+    const bool applies = Export<IsKITEApplicableFn>(dll, "IsKITEApplicable")(level, args[1]);
+    std::printf("IsKITEApplicable(%d, %s) = %d (%s)\n", level, args[1].c_str(), applies ? 1 : 0,
+                applies ? "the package applies to this release" : "the package does not apply");
+    return 0;
+}
+
+int RunForce(HMODULE dll, const Args& args) {
+    const int forced =
+        Export<IsKITEToBeForceAppliedFn>(dll, "IsKITEToBeForceApplied")(args[0].c_str());
+    std::printf("IsKITEToBeForceApplied(%s) = %d (%s)\n", args[0].c_str(), forced,
+                forced ? "a force-apply marker is present" : "no force-apply marker");
+    return 0;
+}
+
+const Command kCommands[] = {
+    {"applicable", "applicable <level> <settings.ini>", 2, RunApplicable},
+    {"force", "force <product folder>", 1, RunForce},
+};
+
+int Usage() {
+    std::fprintf(stderr, "usage: kitehost [--dll PATH] COMMAND ARGS...\ncommands:\n");
+    for (const Command& command : kCommands) std::fprintf(stderr, "  %s\n", command.usage);
+    return 2;
+}
+
+std::string DefaultDllPath() {
+    char self[MAX_PATH] = {};
+    const DWORD length = ::GetModuleFileNameA(nullptr, self, MAX_PATH);
+    std::string path(self, length);
+    const std::string::size_type slash = path.find_last_of("\\/");
+    return (slash == std::string::npos ? std::string() : path.substr(0, slash + 1)) +
+           "KITEUpdate.dll";
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Args args(argv + 1, argv + argc);
+    std::string dllPath = DefaultDllPath();
+    if (args.size() >= 2 && args[0] == "--dll") {
+        dllPath = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    if (args.empty()) return Usage();
+    for (const Command& command : kCommands) {
+        if (args[0] != command.name) continue;
+        if (args.size() - 1 != command.argCount) return Usage();
+        HMODULE dll = ::LoadLibraryA(dllPath.c_str());
+        if (dll == nullptr) {
+            std::fprintf(stderr, "kitehost: cannot load %s (error %lu)\n", dllPath.c_str(),
+                         ::GetLastError());
+            return 3;
+        }
+        const int status = command.run(dll, Args(args.begin() + 1, args.end()));
+        ::FreeLibrary(dll);
+        return status;
+    }
+    return Usage();
+}
