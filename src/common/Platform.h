@@ -1,0 +1,23 @@
+// The platform calls whose answers depend on the machine (rights, network, system version) or
+// that can fail under an installation (files, processes, downloads) go through this one table.
+// The library's code calls Platform().Name(...) instead of ::Name(...); a test replaces an
+// entry to supply the platform's answer or to make the n-th call fail, and puts the table back
+// afterwards. Entries carry the platform function's own name and signature.
+#pragma once
+
+#include <windows.h>
+#include <shlobj.h>
+
+namespace kite {
+
+struct PlatformCalls {
+    decltype(&::IsUserAnAdmin) IsUserAnAdmin;
+    decltype(&::OpenProcessToken) OpenProcessToken;
+    decltype(&::GetTokenInformation) GetTokenInformation;
+    decltype(&::CreateProcessA) CreateProcessA;
+};
+
+// The process's table; it starts out with the real platform functions.
+PlatformCalls& Platform();
+
+}  // namespace kite
