@@ -2,13 +2,27 @@
 
 namespace kite {
 
+namespace {
+
+PlatformCalls RealPlatform() {
+    PlatformCalls calls;
+    calls.IsUserAnAdmin = ::IsUserAnAdmin;
+    calls.OpenProcessToken = ::OpenProcessToken;
+    calls.GetTokenInformation = ::GetTokenInformation;
+    calls.CreateProcessA = ::CreateProcessA;
+    calls.MoveFileA = ::MoveFileA;
+    calls.CopyFileA = ::CopyFileA;
+    calls.DeleteFileA = ::DeleteFileA;
+    calls.SHCreateDirectory = ::SHCreateDirectory;
+    calls.CoCreateGuid = ::CoCreateGuid;
+    calls.Sleep = ::Sleep;
+    return calls;
+}
+
+}  // namespace
+
 PlatformCalls& Platform() {
-    static PlatformCalls calls = {
-        ::IsUserAnAdmin,
-        ::OpenProcessToken,
-        ::GetTokenInformation,
-        ::CreateProcessA,
-    };
+    static PlatformCalls calls = RealPlatform();
     return calls;
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <windows.h>
+#include <objbase.h>
 #include <shlobj.h>
 
 namespace kite {
@@ -15,6 +16,12 @@ struct PlatformCalls {
     decltype(&::OpenProcessToken) OpenProcessToken;
     decltype(&::GetTokenInformation) GetTokenInformation;
     decltype(&::CreateProcessA) CreateProcessA;
+    decltype(&::MoveFileA) MoveFileA;
+    decltype(&::CopyFileA) CopyFileA;
+    decltype(&::DeleteFileA) DeleteFileA;
+    decltype(&::SHCreateDirectory) SHCreateDirectory;
+    decltype(&::CoCreateGuid) CoCreateGuid;
+    decltype(&::Sleep) Sleep;
 };
 
 // The process's table; it starts out with the real platform functions.

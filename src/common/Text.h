@@ -11,4 +11,7 @@ namespace kite {
 int TextToInt(const char* text);
 inline int TextToInt(const std::string& text) { return TextToInt(text.c_str()); }
 
+// ANSI text of the thread's code page as the wide text that wide-only platform calls take.
+std::wstring WidenAnsi(const std::string& text);
+
 }  // namespace kite

@@ -2,6 +2,8 @@
 // product folder and the folder-support flag; Commit or Abort consumes the journal.
 #pragma once
 
+#include "installer/Manifest.h"
+
 #include <deque>
 #include <string>
 
@@ -14,13 +16,36 @@ struct ActionRecord {
     int action;
 };
 
+// Action codes of the journal.
+enum ActionCode : int {
+    kRenamedAside = 1,     // source renamed to the GUID path in destination
+    kForceMarker = 2,      // source is the force-apply marker
+    kFilePlaced = 3,       // source is a newly placed file
+    kRegisterAgain = 4,    // source was a registered server; destination holds its type
+    kUnregisterAgain = 5,  // source was registered by this installation; destination its type
+};
+
 class CKiteInstaller {
   public:
     const std::deque<ActionRecord>& journal() const { return journal_; }
     const std::string& productFolder() const { return productFolder_; }
     bool folderSupport() const { return folderSupport_; }
+    void SetProductFolder(std::string folder) { productFolder_ = std::move(folder); }
+    void SetFolderSupport(bool on) { folderSupport_ = on; }
+
+    // Journal and backups.
+    void RecordAction(const std::string& source, const std::string& destination, int action);
+    void RecordComRegistration(const std::string& path, unsigned int reg, unsigned int serverType);
+    int TakeBackup(unsigned int majorVersion, unsigned int release);
+    int BackupFile(const std::string& destination, int backupFlag);
+
+    // Copying a package's files into the product folder.
+    int CopyFiles(const ptree& commands);
+    int CopyFile_S(const std::string& source, const std::string& destination);
 
   private:
+    std::string ProductExecutable() const;
+
     std::deque<ActionRecord> journal_;
     std::string productFolder_;
     bool folderSupport_ = false;
