@@ -4,6 +4,14 @@ namespace kite {
 
 namespace {
 
+// mscoree.dll has no import library in mingw-w64, so the runtime's entry is looked up by name.
+HRESULT WINAPI CLRCreateInstanceOfMscoree(REFCLSID clsid, REFIID riid, LPVOID* object) {
+    using Create = HRESULT(WINAPI*)(REFCLSID, REFIID, LPVOID*);
+    const auto create = reinterpret_cast<Create>(reinterpret_cast<void*>(
+        ::GetProcAddress(::GetModuleHandleA("mscoree.dll"), "CLRCreateInstance")));
+    return create == nullptr ? E_NOTIMPL : create(clsid, riid, object);
+}
+
 PlatformCalls RealPlatform() {
     PlatformCalls calls;
     calls.IsUserAnAdmin = ::IsUserAnAdmin;
@@ -16,6 +24,8 @@ PlatformCalls RealPlatform() {
     calls.SHCreateDirectory = ::SHCreateDirectory;
     calls.CoCreateGuid = ::CoCreateGuid;
     calls.Sleep = ::Sleep;
+    calls.LoadLibraryA = ::LoadLibraryA;
+    calls.CLRCreateInstance = CLRCreateInstanceOfMscoree;
     return calls;
 }
 

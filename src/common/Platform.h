@@ -22,6 +22,9 @@ struct PlatformCalls {
     decltype(&::SHCreateDirectory) SHCreateDirectory;
     decltype(&::CoCreateGuid) CoCreateGuid;
     decltype(&::Sleep) Sleep;
+    decltype(&::LoadLibraryA) LoadLibraryA;
+    // mscoree.dll's CLRCreateInstance; the caller has mscoree.dll loaded.
+    HRESULT(WINAPI* CLRCreateInstance)(REFCLSID clsid, REFIID riid, LPVOID* object);
 };
 
 // The process's table; it starts out with the real platform functions.

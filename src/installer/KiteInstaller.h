@@ -4,6 +4,8 @@
 
 #include "installer/Manifest.h"
 
+#include <windows.h>
+
 #include <deque>
 #include <string>
 
@@ -42,6 +44,10 @@ class CKiteInstaller {
     // Copying a package's files into the product folder.
     int CopyFiles(const ptree& commands);
     int CopyFile_S(const std::string& source, const std::string& destination);
+
+    // Registering the package's component servers.
+    int RegisterFiles(const ptree& commands);
+    HRESULT RegisterServer(const std::string& path, int reg, int serverType);
 
   private:
     std::string ProductExecutable() const;

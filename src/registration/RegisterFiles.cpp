@@ -1,0 +1,56 @@
+#include "installer/KiteInstaller.h"
+
+#include "installer/Events.h"
+#include "log/ScopeLog.h"
+#include "registration/ComServer.h"
+
+#include <io.h>
+
+namespace kite {
+
+int CKiteInstaller::RegisterFiles(const ptree& commands) {
+    ScopeLog log("CKiteInstaller::RegisterFiles");
+    const int highestType = folderSupport_ ? 6 : 4;
+    int ok = 1;
+    std::string failed;
+    for (const ptree::value_type& child : commands) {
+        if (!IsCommand(child)) continue;
+        const std::string dst = child.second.get<std::string>("dst");
+        const int serverType = child.second.get<int>("register");
+        if (_access(dst.c_str(), 0) != 0 || serverType < 1 || serverType > highestType) continue;
+        if (RegisterServer(dst, 1, serverType) != 0) {
+            ok = 0;
+            failed = dst;
+            break;
+        }
+        RecordComRegistration(dst, 0, static_cast<unsigned int>(serverType));
+    }
+    if (ok == 0) {
+        // The line carries the success flag; RegisterServer has already logged the HRESULT.
+        const std::string text =
+            "CKiteInstaller::RegisterFiles Failed to register server for : " + failed + " " +
+            std::to_string(ok);
+        log << text << std::endl;
+        ReportError(text);
+    }
+    const std::string returned = "CKiteInstaller::RegisterFiles Return: " + std::to_string(ok);
+    log << returned << std::endl;
+    ReportInfo(returned);
+    return ok;
+}
+
+HRESULT CKiteInstaller::RegisterServer(const std::string& path, int reg, int serverType) {
+    ScopeLog log("RegisterServer");
+    log << "File: " << path << " Register: " << reg << "ServerType: " << serverType << std::endl;
+    if (serverType < 1) return 0;
+    // An unmappable type or file throws through to the installation's handler, which undoes it.
+    const HRESULT hr = [&] {
+        std::unique_ptr<IComServer> server =
+            CreateComServer(path, static_cast<unsigned int>(serverType), folderSupport_);
+        return reg != 0 ? server->Register() : server->Unregister();
+    }();
+    log << "HRESULT = " << std::hex << static_cast<unsigned long>(hr) << std::endl;
+    return hr;
+}
+
+}  // namespace kite
