@@ -11,6 +11,14 @@
 extern "C" {
 #endif
 
+/* Ordinal 4: applies the package whose manifest XML text is given, as one transaction over the
+ * product folder that the manifest's "appdir" names. Returns 0 when every file was placed and
+ * registered, 0x80070005 without administrator rights (nothing touched), and 0x80004005 for any
+ * failure, after the installation was undone and a force-apply marker left in the product's
+ * CriticalFixes folder. */
+long InstallKite(const char* manifestXml);
+typedef long (*InstallKiteFn)(const char* manifestXml);
+
 /* Ordinal 6: 1 when "<folder>\CriticalFixes\force_apply_kite.dat" exists, else 0. */
 int IsKITEToBeForceApplied(const char* folder);
 typedef int (*IsKITEToBeForceAppliedFn)(const char* folder);

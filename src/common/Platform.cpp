@@ -21,6 +21,7 @@ PlatformCalls RealPlatform() {
     calls.MoveFileA = ::MoveFileA;
     calls.CopyFileA = ::CopyFileA;
     calls.DeleteFileA = ::DeleteFileA;
+    calls.MoveFileExA = ::MoveFileExA;
     calls.SHCreateDirectory = ::SHCreateDirectory;
     calls.CoCreateGuid = ::CoCreateGuid;
     calls.Sleep = ::Sleep;

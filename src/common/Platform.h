@@ -19,6 +19,7 @@ struct PlatformCalls {
     decltype(&::MoveFileA) MoveFileA;
     decltype(&::CopyFileA) CopyFileA;
     decltype(&::DeleteFileA) DeleteFileA;
+    decltype(&::MoveFileExA) MoveFileExA;
     decltype(&::SHCreateDirectory) SHCreateDirectory;
     decltype(&::CoCreateGuid) CoCreateGuid;
     decltype(&::Sleep) Sleep;

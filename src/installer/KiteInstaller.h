@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <deque>
+#include <ostream>
 #include <string>
 
 namespace kite {
@@ -45,12 +46,20 @@ class CKiteInstaller {
     int CopyFiles(const ptree& commands);
     int CopyFile_S(const std::string& source, const std::string& destination);
 
+    // One whole installation, and its settlement.
+    HRESULT Install(const char* manifestText);
+    void Commit();
+    void Abort();
+    void DeleteFile_S(const std::string& path);
+
     // Registering the package's component servers.
     int RegisterFiles(const ptree& commands);
     HRESULT RegisterServer(const std::string& path, int reg, int serverType);
 
   private:
     std::string ProductExecutable() const;
+    void ReportVersionFacts() const;
+    void Undo(std::ostream& log, const ActionRecord& record);
 
     std::deque<ActionRecord> journal_;
     std::string productFolder_;

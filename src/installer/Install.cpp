@@ -1,0 +1,89 @@
+#include "installer/KiteInstaller.h"
+
+#include "KITEUpdate.h"
+#include "common/BoundedFormat.h"
+#include "exports/Helpers.h"
+#include "installer/Events.h"
+#include "log/ScopeLog.h"
+
+namespace kite {
+
+namespace {
+
+// Both channels: the update log and a telemetry event.
+void Trace(std::ostream& log, const char* text, bool isError) {
+    log << text << std::endl;
+    TelemetryReporter::Instance().ReportEvent(0, text, isError);
+}
+
+}  // namespace
+
+// The installed release and major version go with every event of this installation.
+void CKiteInstaller::ReportVersionFacts() const {
+    DWORD major = 0;
+    DWORD release = 0;
+    if (GetModuleVersion(ProductExecutable().c_str(), major, release) != S_OK) return;
+    TelemetryReporter& reporter = TelemetryReporter::Instance();
+    reporter.SetSlipStream(std::to_string(release));
+    reporter.SetMajorVersion(std::to_string(major));
+    reporter.LoadBuildNumber(productFolder_.c_str());
+}
+
+HRESULT CKiteInstaller::Install(const char* manifestText) {
+    ScopeLog log("CKiteInstaller::Install");
+    HRESULT result = E_FAIL;
+    try {
+        const ptree manifest = ParseManifest(manifestText);
+        productFolder_ = manifest.get<std::string>("commands.appdir");
+        ReportVersionFacts();
+        const int admin = CheckIsUserAdmin();
+        log << "Admin = " << admin << std::endl;
+        if (admin == 0) {
+            ReportError("No Admin access to install Kite in CKiteInstaller::Install");
+            return E_ACCESSDENIED;
+        }
+        ReportInfo("Admin access to install Kite in CKiteInstaller::Install");
+        const boost::optional<std::string> folderSupport =
+            manifest.get_optional<std::string>("commands.enableCodeForKITEFolderSupport");
+        if (folderSupport) {
+            folderSupport_ = *folderSupport == "1";
+            // Reported whenever the switch is present, whatever its text.
+            Trace(log, "CKiteInstaller::Install code to support new folder structure is enabled",
+                  false);
+        }
+        if (const boost::optional<const ptree&> commands =
+                manifest.get_child_optional("commands")) {
+            // The oldest record, so the last one undone: an undone installation leaves the
+            // marker, a committed one removes it.
+            char marker[260];
+            FormatBounded(marker, "%s\\CriticalFixes\\force_apply_kite.dat",
+                          productFolder_.c_str());
+            RecordAction(marker, "", kForceMarker);
+            if (CopyFiles(*commands) && RegisterFiles(*commands)) {
+                Commit();
+                result = S_OK;
+                Trace(log, "CKiteInstaller::Install successful", false);
+            } else {
+                Trace(log, "CKiteInstaller::Install failed, proceeding for Abort ", true);
+                Abort();
+            }
+        }
+    } catch (...) {
+        ReportError("Exceptions in CKiteInstaller::Install");
+        Abort();
+        result = E_FAIL;
+    }
+    log << "Return = " << std::hex << static_cast<unsigned long>(result) << std::endl;
+    return result;
+}
+
+}  // namespace kite
+
+extern "C" HRESULT InstallKite(const char* manifest) {
+    try {
+        kite::CKiteInstaller installer;
+        return installer.Install(manifest);
+    } catch (...) {
+        return E_FAIL;
+    }
+}
