@@ -4,10 +4,9 @@ namespace kite {
 
 PlatformCalls& Platform() {
     static PlatformCalls calls = {
-        ::IsUserAnAdmin,
-        ::OpenProcessToken,
-        ::GetTokenInformation,
-        ::CreateProcessA,
+        ::IsUserAnAdmin,           ::OpenProcessToken,    ::GetTokenInformation, ::CreateProcessA,
+        ::GetFileVersionInfoSizeA, ::GetFileVersionInfoA, ::VerQueryValueA,      ::OpenProcess,
+        ::GetModuleFileNameExA,
     };
     return calls;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <windows.h>
+#include <psapi.h>
 #include <shlobj.h>
 
 namespace kite {
@@ -15,6 +16,12 @@ struct PlatformCalls {
     decltype(&::OpenProcessToken) OpenProcessToken;
     decltype(&::GetTokenInformation) GetTokenInformation;
     decltype(&::CreateProcessA) CreateProcessA;
+    decltype(&::GetFileVersionInfoSizeA) GetFileVersionInfoSizeA;
+    decltype(&::GetFileVersionInfoA) GetFileVersionInfoA;
+    decltype(&::VerQueryValueA) VerQueryValueA;
+    decltype(&::OpenProcess) OpenProcess;
+    // psapi.h names kernel32's K32GetModuleFileNameExA here (Windows 7 and later): no psapi.dll.
+    decltype(&::GetModuleFileNameExA) GetModuleFileNameExA;
 };
 
 // The process's table; it starts out with the real platform functions.
