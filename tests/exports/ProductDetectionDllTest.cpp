@@ -27,31 +27,30 @@ TEST_F(ProductDetectionTest, ExportsAreFoundByNameAndByOrdinal) {
     }
 }
 
-std::string Program(int build) {
-    return kitetest::FixturePath("tw-program-" + std::to_string(build) + ".exe");
-}
-std::string Library(int build) {
-    return kitetest::FixturePath("tw-library-" + std::to_string(build) + ".dll");
+constexpr int kMissing = 0;
+constexpr int kNoVersion = -1;  // a program without a version resource
+
+// Copies the product file of a build (kNoVersion: kitechild.exe) under a product name.
+void Install(const kitetest::TempFolder& folder, const char* name, int build, bool program) {
+    if (build == kMissing) return;
+    const std::string fixture = program ? "tw-program-" + std::to_string(build) + ".exe"
+                                        : "tw-library-" + std::to_string(build) + ".dll";
+    kitetest::CopyFileTo(
+        build == kNoVersion ? kitetest::HeldProgram::ProgramPath() : kitetest::FixturePath(fixture),
+        folder / name);
 }
 
-// One file's trail: the version line of a readable file (build > 0), else its error code.
-struct Read {
-    const char* name;
-    int build;
-    DWORD error;  // of an unreadable file; 0: whatever the platform says for it
-};
-
-std::string TrailOf(const std::string& folder, const Read& read) {
-    const std::string path = folder + "\\" + read.name;
-    if (read.build > 0) {
+// One file's trail: its version line, or the error code that reading it gave.
+std::string TrailOf(const std::string& folder, const char* name, int build) {
+    const std::string path = folder + "\\" + name;
+    if (build > 0) {
         return Trail("GetSlipStreamFromFile",
-                     "GetFileVersion() returned 0\r\n" + path + " : 33.0." +
-                         std::to_string(read.build) +
-                         ".200. Level: " + std::to_string(read.build / 1000) +
-                         "SlipStream: " + std::to_string(read.build % 1000) + "\r\n");
+                     "GetFileVersion() returned 0\r\n" + path + " : 33.0." + std::to_string(build) +
+                         ".200. Level: " + std::to_string(build / 1000) +
+                         "SlipStream: " + std::to_string(build % 1000) + "\r\n");
     }
-    DWORD error = read.error;
-    if (error == 0) {
+    DWORD error = ERROR_FILE_NOT_FOUND;
+    if (build == kNoVersion) {
         DWORD unused = 0;
         ::GetFileVersionInfoSizeA(path.c_str(), &unused);
         error = ::GetLastError();
@@ -63,79 +62,35 @@ std::string TrailOf(const std::string& folder, const Read& read) {
 TEST_F(ProductDetectionTest, SlipstreamOfTheInstallFolderFromRealVersionResources) {
     struct Row {
         const char* what;
-        std::vector<std::pair<const char*, std::string>> files;  // product name, source
-        std::vector<Read> reads;
+        int tww, tww32, core, feature;  // the build of each file, or kMissing, or kNoVersion
+        const char* mainRead;
         int slipstream;
     };
     const Row rows[] = {
-        {"all at 4012",
-         {{"tww.exe", Program(4012)},
-          {"BASECORE.DLL", Library(4012)},
-          {"Options.DLL", Library(4012)}},
-         {{"tww.exe", 4012, 0}, {"BASECORE.DLL", 4012, 0}, {"Options.DLL", 4012, 0}},
-         12},
-        {"feature library at 4013",
-         {{"tww.exe", Program(4012)},
-          {"BASECORE.DLL", Library(4012)},
-          {"Options.DLL", Library(4013)}},
-         {{"tww.exe", 4012, 0}, {"BASECORE.DLL", 4012, 0}, {"Options.DLL", 4013, 0}},
-         -1},
-        {"core library at 4013",
-         {{"tww.exe", Program(4012)},
-          {"BASECORE.DLL", Library(4013)},
-          {"Options.DLL", Library(4012)}},
-         {{"tww.exe", 4012, 0}, {"BASECORE.DLL", 4013, 0}, {"Options.DLL", 4012, 0}},
-         -1},
-        {"32-bit main program",
-         {{"tww32.exe", Program(4012)},
-          {"BASECORE.DLL", Library(4012)},
-          {"Options.DLL", Library(4012)}},
-         {{"tww32.exe", 4012, 0}, {"BASECORE.DLL", 4012, 0}, {"Options.DLL", 4012, 0}},
-         12},
-        {"tww.exe read before tww32.exe",
-         {{"tww.exe", Program(4013)},
-          {"tww32.exe", Program(4012)},
-          {"BASECORE.DLL", Library(4012)},
-          {"Options.DLL", Library(4012)}},
-         {{"tww.exe", 4013, 0}, {"BASECORE.DLL", 4012, 0}, {"Options.DLL", 4012, 0}},
-         -1},
-        {"build 999",
-         {{"tww.exe", Program(999)}, {"BASECORE.DLL", Library(999)}, {"Options.DLL", Library(999)}},
-         {{"tww.exe", 999, 0}, {"BASECORE.DLL", 999, 0}, {"Options.DLL", 999, 0}},
-         999},
-        {"build 1000",
-         {{"tww.exe", Program(1000)},
-          {"BASECORE.DLL", Library(1000)},
-          {"Options.DLL", Library(1000)}},
-         {{"tww.exe", 1000, 0}, {"BASECORE.DLL", 1000, 0}, {"Options.DLL", 1000, 0}},
-         0},
-        {"feature library missing",
-         {{"tww.exe", Program(4012)}, {"BASECORE.DLL", Library(4012)}},
-         {{"tww.exe", 4012, 0},
-          {"BASECORE.DLL", 4012, 0},
-          {"Options.DLL", -1, ERROR_FILE_NOT_FOUND}},
-         -1},
-        {"main program without a version resource",
-         {{"tww.exe", kitetest::HeldProgram::ProgramPath()},
-          {"BASECORE.DLL", Library(4012)},
-          {"Options.DLL", Library(4012)}},
-         {{"tww.exe", -1, 0}, {"BASECORE.DLL", 4012, 0}, {"Options.DLL", 4012, 0}},
-         -1},
-        {"empty folder",
-         {},
-         {{"tww32.exe", -1, ERROR_FILE_NOT_FOUND},
-          {"BASECORE.DLL", -1, ERROR_FILE_NOT_FOUND},
-          {"Options.DLL", -1, ERROR_FILE_NOT_FOUND}},
-         -1},
+        {"all at 4012", 4012, kMissing, 4012, 4012, "tww.exe", 12},
+        {"feature library at 4013", 4012, kMissing, 4012, 4013, "tww.exe", -1},
+        {"core library at 4013", 4012, kMissing, 4013, 4012, "tww.exe", -1},
+        {"32-bit main program", kMissing, 4012, 4012, 4012, "tww32.exe", 12},
+        {"tww.exe read before tww32.exe", 4013, 4012, 4012, 4012, "tww.exe", -1},
+        {"build 999", 999, kMissing, 999, 999, "tww.exe", 999},
+        {"build 1000", 1000, kMissing, 1000, 1000, "tww.exe", 0},
+        {"feature library missing", 4012, kMissing, 4012, kMissing, "tww.exe", -1},
+        {"no version resource", kNoVersion, kMissing, 4012, 4012, "tww.exe", -1},
+        {"empty folder", kMissing, kMissing, kMissing, kMissing, "tww32.exe", -1},
     };
     for (const Row& row : rows) {
         kitetest::TempFolder product("product");
-        for (const auto& file : row.files) kitetest::CopyFileTo(file.second, product / file.first);
+        Install(product, "tww.exe", row.tww, true);
+        Install(product, "tww32.exe", row.tww32, true);
+        Install(product, "BASECORE.DLL", row.core, false);
+        Install(product, "Options.DLL", row.feature, false);
         ClearLog();
         EXPECT_EQ(slipstream2_(product.path().c_str()), row.slipstream) << row.what;
-        std::string expected;
-        for (const Read& read : row.reads) expected += TrailOf(product.path(), read);
-        EXPECT_EQ(ReadMaskedLog(), expected) << row.what;
+        const int mainBuild = std::string(row.mainRead) == "tww.exe" ? row.tww : row.tww32;
+        EXPECT_EQ(ReadMaskedLog(), TrailOf(product.path(), row.mainRead, mainBuild) +
+                                       TrailOf(product.path(), "BASECORE.DLL", row.core) +
+                                       TrailOf(product.path(), "Options.DLL", row.feature))
+            << row.what;
     }
 }
 
