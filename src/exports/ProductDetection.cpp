@@ -80,12 +80,12 @@ extern "C" int GetTwSlipstream2(const char* installFolder) {
         const char* program =
             _access(mainProgram, 0) == 0 ? kite::kMainProgram : kite::kMainProgram32;
         // All three are read, so the log shows every file's version even after a mismatch.
-        const int main = kite::GetSlipStreamFromFile(installFolder, program);
-        const int core = kite::GetSlipStreamFromFile(installFolder, kite::kCoreLibrary);
-        const int feature = kite::GetSlipStreamFromFile(installFolder, kite::kFeatureLibrary);
+        const int programLevel = kite::GetSlipStreamFromFile(installFolder, program);
+        const int coreLevel = kite::GetSlipStreamFromFile(installFolder, kite::kCoreLibrary);
+        const int featureLevel = kite::GetSlipStreamFromFile(installFolder, kite::kFeatureLibrary);
         // A partly patched installation has no level of its own.
-        if (main != core || main != feature) return -1;
-        return main;
+        if (programLevel != coreLevel || programLevel != featureLevel) return -1;
+        return programLevel;
     } catch (...) {
         return -1;
     }
