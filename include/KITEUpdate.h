@@ -11,6 +11,24 @@
 extern "C" {
 #endif
 
+/* Ordinal 1: how many product main programs ("tww.exe", "tww32.exe", in any case) are running;
+ * with a folder filter only those whose path starts with it (a trailing backslash is not
+ * compared, and a filter without a drive matches on every drive). Null counts all; -1 when the
+ * processes cannot be listed. */
+int GetCountOfTwInstances(const char* folderFilter);
+typedef int (*GetCountOfTwInstancesFn)(const char* folderFilter);
+
+/* Ordinal 2: the release level recorded in "TWVersion" under
+ * HKLM\SOFTWARE\Tolvix\Tallowmere\<majorVersion>.0\<suffix>; -1 when the key is missing or
+ * the text is too short. */
+int GetTwSlipstream(unsigned int majorVersion, const char* suffix);
+typedef int (*GetTwSlipstreamFn)(unsigned int majorVersion, const char* suffix);
+
+/* Ordinal 3: the release level shared by "tww.exe" (or "tww32.exe" without it), "BASECORE.DLL"
+ * and "Options.DLL" in the install folder; -1 when they differ or cannot be read. */
+int GetTwSlipstream2(const char* installFolder);
+typedef int (*GetTwSlipstream2Fn)(const char* installFolder);
+
 /* Ordinal 4: applies the package whose manifest XML text is given, as one transaction over the
  * product folder that the manifest's "appdir" names. Returns 0 when every file was placed and
  * registered, 0x80070005 without administrator rights (nothing touched), and 0x80004005 for any

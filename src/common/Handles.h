@@ -6,6 +6,7 @@
 #include <objbase.h>
 #include <wininet.h>
 
+#include <memory>
 #include <utility>
 
 namespace kite {
@@ -72,6 +73,9 @@ using UniqueHandle = UniqueResource<HANDLE, KernelHandleTraits>;
 using UniqueRegKey = UniqueResource<HKEY, RegKeyTraits>;
 using UniqueModule = UniqueResource<HMODULE, ModuleTraits>;
 using UniqueInternet = UniqueResource<HINTERNET, InternetTraits>;
+
+// A heap block whose size the platform names at run time (version information, for instance).
+using UniqueBytes = std::unique_ptr<BYTE[]>;
 
 // A COM interface pointer that calls Release once.
 template <typename I>

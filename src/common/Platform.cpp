@@ -18,6 +18,11 @@ PlatformCalls RealPlatform() {
     calls.OpenProcessToken = ::OpenProcessToken;
     calls.GetTokenInformation = ::GetTokenInformation;
     calls.CreateProcessA = ::CreateProcessA;
+    calls.GetFileVersionInfoSizeA = ::GetFileVersionInfoSizeA;
+    calls.GetFileVersionInfoA = ::GetFileVersionInfoA;
+    calls.VerQueryValueA = ::VerQueryValueA;
+    calls.OpenProcess = ::OpenProcess;
+    calls.GetModuleFileNameExA = ::GetModuleFileNameExA;
     calls.MoveFileA = ::MoveFileA;
     calls.CopyFileA = ::CopyFileA;
     calls.DeleteFileA = ::DeleteFileA;

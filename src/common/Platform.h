@@ -7,6 +7,7 @@
 
 #include <windows.h>
 #include <objbase.h>
+#include <psapi.h>
 #include <shlobj.h>
 
 namespace kite {
@@ -23,6 +24,12 @@ struct PlatformCalls {
     decltype(&::SHCreateDirectory) SHCreateDirectory;
     decltype(&::CoCreateGuid) CoCreateGuid;
     decltype(&::Sleep) Sleep;
+    decltype(&::GetFileVersionInfoSizeA) GetFileVersionInfoSizeA;
+    decltype(&::GetFileVersionInfoA) GetFileVersionInfoA;
+    decltype(&::VerQueryValueA) VerQueryValueA;
+    decltype(&::OpenProcess) OpenProcess;
+    // psapi.h names kernel32's K32GetModuleFileNameExA here (Windows 7 and later): no psapi.dll.
+    decltype(&::GetModuleFileNameExA) GetModuleFileNameExA;
     decltype(&::LoadLibraryA) LoadLibraryA;
     // mscoree.dll's CLRCreateInstance; the caller has mscoree.dll loaded.
     HRESULT(WINAPI* CLRCreateInstance)(REFCLSID clsid, REFIID riid, LPVOID* object);

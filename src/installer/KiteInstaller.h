@@ -30,6 +30,12 @@ enum ActionCode : int {
 
 class CKiteInstaller {
   public:
+    // The whole fixed-file-information block of the file at path: S_OK or E_FAIL.
+    static HRESULT GetFileVersion(const char* path, VS_FIXEDFILEINFO& info);
+    // The major and build components of the file's version (build not split into level and
+    // slipstream): S_OK or the failure status of GetFileVersion.
+    static HRESULT GetModuleVersion(const char* path, DWORD& major, DWORD& build);
+
     const std::deque<ActionRecord>& journal() const { return journal_; }
     const std::string& productFolder() const { return productFolder_; }
     bool folderSupport() const { return folderSupport_; }

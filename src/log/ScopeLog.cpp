@@ -14,6 +14,20 @@ namespace {
 constexpr DWORD kLineLockOffsetLow = 0xFFFFFFFEUL;
 constexpr DWORD kLineLockOffsetHigh = 0x7FFFFFFFUL;
 
+// Logging never changes an operation's outcome, the thread's last error code included: a traced
+// function reports GetLastError after writing its lines, and the log's own file calls (an open
+// of an existing file sets 183) must not stand in for the failure it reports.
+class LastErrorKeeper {
+  public:
+    LastErrorKeeper() : error_(::GetLastError()) {}
+    ~LastErrorKeeper() { ::SetLastError(error_); }
+    LastErrorKeeper(const LastErrorKeeper&) = delete;
+    LastErrorKeeper& operator=(const LastErrorKeeper&) = delete;
+
+  private:
+    DWORD error_;
+};
+
 unsigned long long FileSizeOf(const char* path) {
     WIN32_FILE_ATTRIBUTE_DATA data;
     if (!::GetFileAttributesExA(path, GetFileExInfoStandard, &data)) return 0;
@@ -54,6 +68,7 @@ std::streamsize LogFileBuffer::xsputn(const char* text, std::streamsize count) {
 
 int LogFileBuffer::sync() {
     if (pending_.empty()) return 0;
+    const LastErrorKeeper keeper;
     const bool written = AppendAtEnd(pending_);
     pending_.clear();
     return written ? 0 : -1;
@@ -84,6 +99,7 @@ std::string FormatTimeStamp(const std::tm& localTime) {
 }
 
 ScopeLog::ScopeLog(std::string scope) : std::ostream(nullptr), scope_(std::move(scope)) {
+    const LastErrorKeeper keeper;
     rdbuf(&file_);
     char workArea[kWorkAreaBytes] = {};
     const char* folder = GetCommonFilesDataPath(workArea);
@@ -103,6 +119,7 @@ ScopeLog::ScopeLog(std::string scope) : std::ostream(nullptr), scope_(std::move(
 }
 
 ScopeLog::~ScopeLog() {
+    const LastErrorKeeper keeper;
     try {
         WriteMarkerLine(" : Exiting ");
     } catch (...) {

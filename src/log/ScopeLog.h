@@ -1,7 +1,8 @@
 // The update log "CRITICALFIXES.LOG". Every traced function owns one ScopeLog for its duration:
 // it opens the file, writes an entering line, takes the function's messages as an ordinary
 // std::ostream, and on destruction writes the exiting line and closes the file. Logging never
-// fails an operation: when the file cannot be opened every insertion is silently discarded.
+// fails an operation: when the file cannot be opened every insertion is silently discarded, and
+// the thread's last error code is left as the log found it.
 #pragma once
 
 #include "common/Handles.h"

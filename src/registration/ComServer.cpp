@@ -16,11 +16,6 @@ namespace {
 
 const DWORD kWait = 1;
 
-HRESULT FromWin32(DWORD error) {
-    return static_cast<int>(error) > 0 ? static_cast<HRESULT>((error & 0xFFFF) | 0x80070000)
-                                       : static_cast<HRESULT>(error);
-}
-
 std::string Regsvr32Arguments(const std::string& path, bool reg) {
     return std::string("/s ") + (reg ? "" : "/u ") + "\"" + path + "\"";
 }
@@ -40,7 +35,7 @@ HRESULT RegisterInProcess(const char* scope, const std::string& path, bool reg) 
         if (!server) {
             const DWORD error = ::GetLastError();
             log << "Failed to load DLL. GetLastError: " << error << std::endl;
-            result = FromWin32(error);
+            result = StatusOfError(error);
         } else {
             using Entry = HRESULT(STDAPICALLTYPE*)();
             const auto call = reinterpret_cast<Entry>(

@@ -4,7 +4,11 @@
 set -euo pipefail
 objdump=$1
 dll=$2
-expected_exports="5 IsKITEApplicable
+expected_exports="1 GetCountOfTwInstances
+2 GetTwSlipstream
+3 GetTwSlipstream2
+4 InstallKite
+5 IsKITEApplicable
 6 IsKITEToBeForceApplied"
 system_dlls="ADVAPI32.dll KERNEL32.dll msvcrt.dll ole32.dll OLEAUT32.dll SHELL32.dll USER32.dll
 VERSION.dll WININET.dll urlmon.dll"

@@ -143,7 +143,7 @@ TEST_F(InstallKiteTest, FailureAtEachStepIsUndoneCompletely) {
         row.arrange(*this);
         kitetest::RemoveTree(product_ + "\\CriticalFixes");
         kitetest::RemoveTree(product_ + "\\plugins");
-        WriteLogEmpty();
+        ClearLog();
 
         EXPECT_EQ(static_cast<unsigned long>(install_(Manifest().c_str())), 0x80004005UL)
             << row.step;

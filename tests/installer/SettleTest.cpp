@@ -36,7 +36,7 @@ TEST_F(SettleTest, UndoDeletesRenamesBackThenRegistersAgain) {
     installer_.RecordAction(server, "2", kite::kRegisterAgain);
     installer_.RecordAction(server, aside, kite::kRenamedAside);
     installer_.RecordAction(server, "", kite::kFilePlaced);
-    WriteLogEmpty();
+    ClearLog();
 
     installer_.Abort();
 
@@ -64,7 +64,7 @@ TEST_F(SettleTest, LockedNewFileIsScheduledAndTheOldOneStaysAside) {
     kitetest::HeldFile held(placed);
     installer_.RecordAction(placed, aside, kite::kRenamedAside);
     installer_.RecordAction(placed, "", kite::kFilePlaced);
-    WriteLogEmpty();
+    ClearLog();
 
     installer_.Abort();
 
@@ -85,7 +85,7 @@ TEST_F(SettleTest, VanishedAsideFileIsSkippedAndTheMarkerIsLeftEmpty) {
     installer_.RecordAction(marker, "", kite::kForceMarker);
     installer_.RecordAction(folder_ / "product\\x.dll", folder_ / "product\\{gone}",
                             kite::kRenamedAside);
-    WriteLogEmpty();
+    ClearLog();
 
     installer_.Abort();
 
@@ -105,7 +105,7 @@ TEST_F(SettleTest, CommitDeletesAsideFilesAndTheMarkerOnlyWhenPresent) {
         installer_.RecordAction(marker, "", kite::kForceMarker);
         installer_.RecordAction(folder_ / "x.dll", aside, kite::kRenamedAside);
         installer_.RecordAction(folder_ / "x.dll", "", kite::kFilePlaced);
-        WriteLogEmpty();
+        ClearLog();
 
         installer_.Commit();
 
@@ -138,7 +138,7 @@ TEST_F(SettleTest, InstallWithoutAdministratorRightsTouchesNothing) {
                                  product +
                                  "\\lib.dll</dst><register>0</register></command>"
                                  "</commands>";
-    WriteLogEmpty();
+    ClearLog();
 
     EXPECT_EQ(installer_.Install(manifest.c_str()), E_ACCESSDENIED);
 

@@ -39,6 +39,22 @@ TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesInCompletionOrder) {
     EXPECT_EQ(ReadLog().substr(0, 11), today);
 }
 
+// A traced function logs and then reports GetLastError: the log's own file calls (opening an
+// existing file sets 183) must not replace the code it reports.
+TEST_F(ScopeLogTest, LeavesTheThreadsLastErrorAsItFoundIt) {
+    kitetest::WriteFileBytes(LogPath(), "");
+    ::SetLastError(ERROR_SHARING_VIOLATION);
+    {
+        kite::ScopeLog log("Keeper");
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+        log << "line" << std::endl;
+        EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
+        ::SetLastError(ERROR_FILE_NOT_FOUND);
+    }
+    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(ReadMaskedLog(), Trail("Keeper", "line\r\n"));
+}
+
 TEST_F(ScopeLogTest, FileOverTheThresholdIsEmptiedWhenTheNextScopeOpensIt) {
     struct Row {
         unsigned long long size;

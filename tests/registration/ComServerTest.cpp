@@ -73,7 +73,7 @@ TEST_F(ComServerTest, InProcFallbackStatusDecides) {
          {"Failed to load DLL. GetLastError: 193", "HRESULT: 800700c1"}},
     };
     for (const Row& row : rows) {
-        WriteLogEmpty();
+        ClearLog();
         kite::CInProcServer server;
         server.path = row.fixture ? Fixture(row.fixture, row.name) : folder_ / row.name;
         if (!row.fixture) kitetest::WriteFileBytes(server.path, "not a library");
@@ -106,7 +106,7 @@ TEST_F(ComServerTest, InProcessAttemptCountsOnlyZeroAsSuccess) {
     }
     EXPECT_TRUE(Registered("kitecom_dep.dll"));
 
-    WriteLogEmpty();
+    ClearLog();
     kite::CInProcServer bare;
     bare.path = "kitecom_ok.dll";
     EXPECT_EQ(bare._Register(true), E_FAIL);

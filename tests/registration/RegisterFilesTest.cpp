@@ -43,7 +43,7 @@ TEST_F(RegisterFilesTest, EligibleCommandsAreRegisteredAndJournaledForUndo) {
         ::DeleteFileA((regsvr32 + ".calls").c_str());
         installer_ = kite::CKiteInstaller();
         installer_.SetFolderSupport(folderSupport);
-        WriteLogEmpty();
+        ClearLog();
 
         EXPECT_EQ(Register({{a, 0}, {a, 5}, {b, 6}, {missing, 2}, {a, 2}, {b, 7}, {b, -1}}), 1);
 

@@ -28,14 +28,14 @@ class RegistrationTest : public LogTest {
     std::string Fixture(const std::string& built, const std::string& name) {
         CreateFolders(folder_ / "servers");
         const std::string path = folder_ / ("servers\\" + name);
-        ::CopyFileA((ExeFolder() + "\\fixtures\\" + built).c_str(), path.c_str(), FALSE);
+        CopyFileTo(FixturePath(built), path);
         return path;
     }
 
     // The recording program installed at a tool's path, removed again after the test.
     std::string InstallRecorder(const std::string& path) {
         CreateFolders(path.substr(0, path.rfind('\\')));
-        ::CopyFileA((ExeFolder() + "\\fixtures\\kiterecorder.exe").c_str(), path.c_str(), FALSE);
+        CopyFileTo(FixturePath("kiterecorder.exe"), path);
         installed_.push_back(path);
         return path;
     }
@@ -54,8 +54,6 @@ class RegistrationTest : public LogTest {
         return ::RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\KiteTest\\Servers", name.c_str(),
                               RRF_RT_REG_SZ, nullptr, value, &bytes) == ERROR_SUCCESS;
     }
-
-    void WriteLogEmpty() const { WriteFileBytes(LogPath(), ""); }
 
     static std::string KindOf(const kite::IComServer& server) {
         if (dynamic_cast<const kite::CInProc32Server*>(&server)) return "CInProc32Server";

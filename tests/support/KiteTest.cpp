@@ -60,6 +60,14 @@ void RemoveTree(const std::string& path) {
     ::RemoveDirectoryA(path.c_str());
 }
 
+void CopyFileTo(const std::string& from, const std::string& to) {
+    if (!::CopyFileA(from.c_str(), to.c_str(), FALSE)) {
+        throw std::runtime_error("cannot copy " + from + " to " + to);
+    }
+}
+
+std::string FixturePath(const std::string& name) { return ExeFolder() + "\\fixtures\\" + name; }
+
 TempFolder::TempFolder(const std::string& tag) {
     static std::atomic<int> counter{0};
     path_ = "C:\\kitetest\\" + tag + "-" + std::to_string(::GetCurrentProcessId()) + "-" +
@@ -120,6 +128,30 @@ void RegistryValue::Delete() {
         ::RegDeleteValueA(handle, name_.c_str());
         ::RegCloseKey(handle);
     }
+}
+
+RegistryKey::RegistryKey(const std::string& key) {
+    for (std::string::size_type end = key.find('\\');; end = key.find('\\', end + 1)) {
+        const std::string part = key.substr(0, end);
+        HKEY handle = nullptr;
+        if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, part.c_str(), 0, KEY_READ, &handle) !=
+            ERROR_SUCCESS) {
+            created_ = part;
+            break;
+        }
+        ::RegCloseKey(handle);
+        if (end == std::string::npos) break;
+    }
+    HKEY handle = nullptr;
+    if (::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
+                          &handle, nullptr) != ERROR_SUCCESS) {
+        throw std::runtime_error("cannot create HKLM\\" + key);
+    }
+    ::RegCloseKey(handle);
+}
+
+RegistryKey::~RegistryKey() {
+    if (!created_.empty()) ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
 }
 
 LogTest::LogTest() : folder_("log"), dataPath_(kCommonKey, "CommonFilesDataPath") {
@@ -202,6 +234,66 @@ ProcessResult RunProcess(const std::string& commandLine) {
     ::CloseHandle(process.hThread);
     ::CloseHandle(readEnd);
     return result;
+}
+
+namespace {
+
+constexpr DWORD kChildWaitMs = 60000;
+
+HANDLE CreateNamed(HANDLE handle, const std::string& name) {
+    if (handle == nullptr) throw std::runtime_error("cannot create " + name);
+    return handle;
+}
+
+}  // namespace
+
+HeldProgram::HeldProgram() {
+    static std::atomic<int> counter{0};
+    name_ =
+        "kitechild-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
+    alive_ = CreateNamed(::CreateMutexA(nullptr, FALSE, (name_ + ".alive").c_str()), name_);
+    ready_ = CreateNamed(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".ready").c_str()), name_);
+    stop_ = CreateNamed(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".stop").c_str()), name_);
+}
+
+HeldProgram::~HeldProgram() {
+    Stop();
+    ::CloseHandle(alive_);
+    ::CloseHandle(ready_);
+    ::CloseHandle(stop_);
+}
+
+std::string HeldProgram::ProgramPath() { return ExeFolder() + "\\kitechild.exe"; }
+
+void HeldProgram::Start(const std::string& exePath) {
+    process_ = StartProcess(Quote(exePath) + " " + Arguments());
+    WaitUntilRunning();
+}
+
+void HeldProgram::WaitUntilRunning() {
+    // A program that ends instead of holding (not kitechild, for instance) fails at once.
+    HANDLE waits[] = {ready_, process_};
+    const DWORD count = process_ != nullptr ? 2 : 1;
+    if (::WaitForMultipleObjects(count, waits, FALSE, kChildWaitMs) != WAIT_OBJECT_0) {
+        throw std::runtime_error(name_ + " did not come up");
+    }
+}
+
+void HeldProgram::Stop() {
+    ::SetEvent(stop_);
+    // Only a child that came up owns "alive"; once it has gone the wait finds the mutex abandoned.
+    if (::WaitForSingleObject(ready_, 0) == WAIT_OBJECT_0) {
+        const DWORD gone = ::WaitForSingleObject(alive_, kChildWaitMs);
+        if (gone == WAIT_ABANDONED || gone == WAIT_OBJECT_0) ::ReleaseMutex(alive_);
+        ::ResetEvent(ready_);
+    }
+    if (process_ != nullptr) {
+        if (::WaitForSingleObject(process_, kChildWaitMs) != WAIT_OBJECT_0) {
+            ::TerminateProcess(process_, 1);
+        }
+        ::CloseHandle(process_);
+        process_ = nullptr;
+    }
 }
 
 }  // namespace kitetest

@@ -19,6 +19,11 @@ std::string ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::string& bytes);
 void CreateFolders(const std::string& path);
 void RemoveTree(const std::string& path);
+void CopyFileTo(const std::string& from, const std::string& to);
+
+// A file that the build made for the tests, in the "fixtures" folder next to the test program
+// (product files with version resources, for instance "tw-program-4012.exe").
+std::string FixturePath(const std::string& name);
 
 // A fresh folder C:\kitetest\<tag>-<pid>-<n>, removed with its contents at the end.
 class TempFolder {
@@ -56,6 +61,19 @@ class RegistryValue {
     std::string saved_;
 };
 
+// An HKLM key that a test creates; at the end it goes with its whole tree, together with the
+// keys above it that creating it added.
+class RegistryKey {
+  public:
+    explicit RegistryKey(const std::string& key);
+    ~RegistryKey();
+    RegistryKey(const RegistryKey&) = delete;
+    RegistryKey& operator=(const RegistryKey&) = delete;
+
+  private:
+    std::string created_;  // the topmost key that did not exist before, or empty
+};
+
 // Each test gets its own common data folder with an empty log folder, and CommonFilesDataPath
 // pointing at it.
 class LogTest : public ::testing::Test {
@@ -65,6 +83,7 @@ class LogTest : public ::testing::Test {
     std::string DataFolder() const { return folder_ / "data"; }
     std::string LogPath() const;
     std::string ReadLog() const { return ReadFileBytes(LogPath()); }
+    void ClearLog() const { ::DeleteFileA(LogPath().c_str()); }
     // The log with each entering and exiting stamp replaced by "<stamp>".
     std::string ReadMaskedLog() const;
 
@@ -110,5 +129,31 @@ ProcessResult RunProcess(const std::string& commandLine);
 HANDLE StartProcess(const std::string& commandLine);
 
 std::string Quote(const std::string& text);
+
+// kitechild.exe (next to the test program) holding on until it is stopped. The test starts it
+// with Start, or hands Arguments() to code that starts it; Stop (and the destructor) tells it
+// to end and waits until it has gone, so no child outlives its test.
+class HeldProgram {
+  public:
+    HeldProgram();
+    ~HeldProgram();
+    HeldProgram(const HeldProgram&) = delete;
+    HeldProgram& operator=(const HeldProgram&) = delete;
+
+    static std::string ProgramPath();
+    std::string Arguments() const { return "hold " + name_; }
+    // Starts the program at exePath (a copy of ProgramPath()) and waits until it runs.
+    void Start(const std::string& exePath);
+    // Throws when the program has not come up within a minute (it never does when broken).
+    void WaitUntilRunning();
+    void Stop();
+
+  private:
+    std::string name_;
+    HANDLE alive_;
+    HANDLE ready_;
+    HANDLE stop_;
+    HANDLE process_ = nullptr;
+};
 
 }  // namespace kitetest

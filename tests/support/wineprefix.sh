@@ -21,6 +21,9 @@ start)
     "$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v CommonFilesDataPath /t REG_SZ \
         /d 'C:\kitetest\commondata' /f </dev/null >/dev/null 2>&1
     mkdir -p "$WINEPREFIX/drive_c/kitetest/commondata/twupdate/log"
+    # A second drive, K:, for the paths of programs run from another drive than C:.
+    mkdir -p "$WINEPREFIX/drive_k"
+    ln -sfn ../drive_k "$WINEPREFIX/dosdevices/k:"
     ;;
 stop)
     "$wineserver" -k 2>/dev/null || true

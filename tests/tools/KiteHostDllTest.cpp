@@ -39,9 +39,52 @@ TEST_F(KiteHostTest, PrintsWhatTheExportsAnswer) {
     EXPECT_NE(ReadLog().find("Entering IsKITEApplicable"), std::string::npos);
 }
 
+TEST_F(KiteHostTest, PrintsTheDetectedReleaseAndTheRunningPrograms) {
+    kitetest::TempFolder product("product");
+    kitetest::CopyFileTo(kitetest::FixturePath("tw-program-4012.exe"), product / "tww.exe");
+    kitetest::CopyFileTo(kitetest::FixturePath("tw-library-4012.dll"), product / "BASECORE.DLL");
+    kitetest::CopyFileTo(kitetest::FixturePath("tw-library-4012.dll"), product / "Options.DLL");
+    kitetest::TempFolder programs("programs");
+    kitetest::CopyFileTo(kitetest::HeldProgram::ProgramPath(), programs / "tww.exe");
+    kitetest::HeldProgram running;
+    running.Start(programs / "tww.exe");
+    const std::string suffix = "kitehost-" + std::to_string(::GetCurrentProcessId());
+    const std::string key = "SOFTWARE\\Tolvix\\Tallowmere\\33.0\\" + suffix;
+    kitetest::RegistryKey versionKey(key);
+    kitetest::RegistryValue version(key, "TWVersion");
+    version.SetString("33.012.200");
+
+    struct Row {
+        std::string arguments;
+        std::string output;
+    };
+    const Row rows[] = {
+        {"slipstream " + Quote(product.path()),
+         "GetTwSlipstream2(" + product.path() +
+             ") = 12 (the release level of the product files)\r\n"},
+        {"slipstream C:\\nowhere",
+         "GetTwSlipstream2(C:\\nowhere) = -1 (the product files "
+         "disagree or cannot be read)\r\n"},
+        {"slipstream-registry 33 " + suffix,
+         "GetTwSlipstream(33, " + suffix +
+             ") = 12 (the release level recorded in the registry)\r\n"},
+        {"instances", "GetCountOfTwInstances(null) = 1 (product programs running)\r\n"},
+        {"instances " + Quote(programs.path()),
+         "GetCountOfTwInstances(" + programs.path() +
+             ") = 1 (product programs running from that folder)\r\n"},
+    };
+    for (const Row& row : rows) {
+        const kitetest::ProcessResult result = Host(row.arguments);
+        EXPECT_EQ(result.exitCode, 0u) << row.arguments;
+        EXPECT_EQ(result.output, row.output) << row.arguments;
+    }
+}
+
 TEST_F(KiteHostTest, RefusesUnknownCommandsAndAMissingDll) {
     EXPECT_EQ(Host("frobnicate").exitCode, 2u);
     EXPECT_EQ(Host("force").exitCode, 2u);
+    EXPECT_EQ(Host("slipstream-registry 33").exitCode, 2u);
+    EXPECT_EQ(Host("instances C:\\a C:\\b").exitCode, 2u);
     const kitetest::ProcessResult missing = Host("--dll C:\\nowhere\\KITEUpdate.dll force C:\\x");
     EXPECT_EQ(missing.exitCode, 3u);
     EXPECT_NE(missing.output.find("cannot load C:\\nowhere\\KITEUpdate.dll"), std::string::npos);

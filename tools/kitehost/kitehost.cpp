@@ -21,7 +21,8 @@ using Args = std::vector<std::string>;
 struct Command {
     const char* name;
     const char* usage;
-    std::size_t argCount;
+    std::size_t minArgs;
+    std::size_t maxArgs;
     int (*run)(HMODULE dll, const Args& args);
 };
 
@@ -51,9 +52,41 @@ int RunForce(HMODULE dll, const Args& args) {
     return 0;
 }
 
+int RunSlipstream(HMODULE dll, const Args& args) {
+    const int level = Export<GetTwSlipstream2Fn>(dll, "GetTwSlipstream2")(args[0].c_str());
+    std::printf("GetTwSlipstream2(%s) = %d (%s)\n", args[0].c_str(), level,
+                level < 0 ? "the product files disagree or cannot be read"
+                          : "the release level of the product files");
+    return 0;
+}
+
+int RunSlipstreamRegistry(HMODULE dll, const Args& args) {
+    const unsigned int major =
+        static_cast<unsigned int>(std::strtoul(args[0].c_str(), nullptr, 10));
+    const int level = Export<GetTwSlipstreamFn>(dll, "GetTwSlipstream")(major, args[1].c_str());
+    std::printf("GetTwSlipstream(%u, %s) = %d (%s)\n", major, args[1].c_str(), level,
+                level < 0 ? "no version key, or its TWVersion is too short"
+                          : "the release level recorded in the registry");
+    return 0;
+}
+
+int RunInstances(HMODULE dll, const Args& args) {
+    const char* filter = args.empty() ? nullptr : args[0].c_str();
+    const int count = Export<GetCountOfTwInstancesFn>(dll, "GetCountOfTwInstances")(filter);
+    std::printf("GetCountOfTwInstances(%s) = %d (%s)\n", filter ? filter : "null", count,
+                count < 0 ? "the processes cannot be listed"
+                : filter  ? "product programs running from that folder"
+                          : "product programs running");
+    return 0;
+}
+
 const Command kCommands[] = {
-    {"applicable", "applicable <level> <settings.ini>", 2, RunApplicable},
-    {"force", "force <product folder>", 1, RunForce},
+    {"applicable", "applicable <level> <settings.ini>", 2, 2, RunApplicable},
+    {"force", "force <product folder>", 1, 1, RunForce},
+    {"slipstream", "slipstream <product folder>", 1, 1, RunSlipstream},
+    {"slipstream-registry", "slipstream-registry <major version> <suffix>", 2, 2,
+     RunSlipstreamRegistry},
+    {"instances", "instances [folder]", 0, 1, RunInstances},
 };
 
 int Usage() {
@@ -83,7 +116,8 @@ int main(int argc, char** argv) {
     if (args.empty()) return Usage();
     for (const Command& command : kCommands) {
         if (args[0] != command.name) continue;
-        if (args.size() - 1 != command.argCount) return Usage();
+        const std::size_t given = args.size() - 1;
+        if (given < command.minArgs || given > command.maxArgs) return Usage();
         HMODULE dll = ::LoadLibraryA(dllPath.c_str());
         if (dll == nullptr) {
             std::fprintf(stderr, "kitehost: cannot load %s (error %lu)\n", dllPath.c_str(),

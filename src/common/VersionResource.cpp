@@ -1,0 +1,36 @@
+#include "common/VersionResource.h"
+
+#include "common/Handles.h"
+#include "common/Platform.h"
+
+namespace kite {
+
+VersionReadResult ReadFixedFileInfo(const char* path, VS_FIXEDFILEINFO& info) {
+    DWORD handle = 0;
+    const DWORD size = Platform().GetFileVersionInfoSizeA(path, &handle);
+    if (size == 0) return {VersionReadStep::kSize, ::GetLastError()};
+    // One byte more than the platform asked for, offered in full to the reader.
+    UniqueBytes data(new BYTE[size + 1]());
+    if (!Platform().GetFileVersionInfoA(path, 0, size + 1, data.get())) {
+        return {VersionReadStep::kInformation, ::GetLastError()};
+    }
+    void* block = nullptr;
+    UINT length = 0;
+    if (!Platform().VerQueryValueA(data.get(), "\\", &block, &length) || block == nullptr ||
+        length < sizeof(VS_FIXEDFILEINFO)) {
+        return {VersionReadStep::kRootBlock, ::GetLastError()};
+    }
+    info = *static_cast<const VS_FIXEDFILEINFO*>(block);
+    return {VersionReadStep::kNone, 0};
+}
+
+FileVersion FileVersionOf(const VS_FIXEDFILEINFO& info) {
+    return {HIWORD(info.dwFileVersionMS), LOWORD(info.dwFileVersionMS),
+            HIWORD(info.dwFileVersionLS), LOWORD(info.dwFileVersionLS)};
+}
+
+ReleaseOfBuild SplitBuild(unsigned build) {
+    return {static_cast<int>(build / 1000), static_cast<int>(build % 1000)};
+}
+
+}  // namespace kite

@@ -1,0 +1,45 @@
+// A child program for the tests, copied under the product's names or started by the library:
+//   kitechild hold <name>              runs until the event "<name>.stop" is set
+//   kitechild record <file> <code> ... writes its own command line to <file>, exits with <code>
+// While holding it owns the mutex "<name>.alive" and sets "<name>.ready" once it runs, so a test
+// knows when it is up and, from the abandoned mutex, when it has gone. It never outlives a
+// broken test by more than two minutes.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr DWORD kLongestHoldMs = 120000;
+
+int Hold(const std::string& name) {
+    HANDLE alive = ::OpenMutexA(SYNCHRONIZE, FALSE, (name + ".alive").c_str());
+    HANDLE ready = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, (name + ".ready").c_str());
+    HANDLE stop = ::OpenEventA(SYNCHRONIZE, FALSE, (name + ".stop").c_str());
+    if (alive == nullptr || ready == nullptr || stop == nullptr) return 2;
+    if (::WaitForSingleObject(alive, kLongestHoldMs) != WAIT_OBJECT_0) return 3;
+    ::SetEvent(ready);
+    ::WaitForSingleObject(stop, kLongestHoldMs);
+    // Ends without releasing "alive": its waiter sees the mutex abandoned once the process is gone.
+    return 0;
+}
+
+int Record(const char* file, const char* code) {
+    FILE* out = std::fopen(file, "wb");
+    if (out == nullptr) return 2;
+    std::fputs(::GetCommandLineA(), out);
+    std::fclose(out);
+    return static_cast<int>(std::strtoul(code, nullptr, 0));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "hold") == 0) return Hold(argv[2]);
+    if (argc >= 4 && std::strcmp(argv[1], "record") == 0) return Record(argv[2], argv[3]);
+    std::fprintf(stderr, "usage: kitechild hold <name> | kitechild record <file> <code> ...\n");
+    return 2;
+}
