@@ -7,6 +7,19 @@
 #include <regex>
 #include <vector>
 
+// Found by argument-dependent lookup, so they live with the record type.
+namespace kite {
+
+bool operator==(const ActionRecord& a, const ActionRecord& b) {
+    return a.source == b.source && a.destination == b.destination && a.action == b.action;
+}
+
+void PrintTo(const ActionRecord& r, std::ostream* out) {
+    *out << "{" << r.action << ", " << r.source << ", " << r.destination << "}";
+}
+
+}  // namespace kite
+
 namespace {
 
 using kite::ActionRecord;
@@ -28,14 +41,6 @@ std::string ManifestText(const std::string& appdir, const std::vector<Command>& 
                 std::to_string(c.serverType) + "</register></command>";
     }
     return text + "</commands>";
-}
-
-bool operator==(const ActionRecord& a, const ActionRecord& b) {
-    return a.source == b.source && a.destination == b.destination && a.action == b.action;
-}
-
-void PrintTo(const ActionRecord& r, std::ostream* out) {
-    *out << "{" << r.action << ", " << r.source << ", " << r.destination << "}";
 }
 
 class CopyFilesTest : public kitetest::LogTest {

@@ -97,7 +97,7 @@ TEST_F(InstallKiteTest, CommittedInstallationPlacesEveryFileAndLeavesNoTrace) {
     EXPECT_TRUE(Registered("srv2.dll"));
     EXPECT_EQ(
         LinesOfScope(ReadMaskedLog(), "CKiteInstaller::Install"),
-        std::vector<Lines>{{"Admin = 1", "CKiteInstaller::Install successful", "Return = 0"}});
+        (std::vector<Lines>{{"Admin = 1", "CKiteInstaller::Install successful", "Return = 0"}}));
 }
 
 // Whatever step fails, the product folder and the registrations are as they were, and an empty

@@ -14,12 +14,21 @@ using kitetest::LinesOfScope;
 
 // The entry's address is printed in the stream's pointer form; only its presence matters here.
 Lines WithoutAddresses(Lines lines) {
-    static const std::regex address(R"((Dll(Un)?registerServer) : \S+)");
+    static const std::regex address(R"((DllRegisterServer|DllUnregisterServer) : \S+)");
     for (std::string& line : lines) line = std::regex_replace(line, address, "$1 : <address>");
     return lines;
 }
 
-class ComServerTest : public kitetest::RegistrationTest {};
+class ComServerTest : public kitetest::RegistrationTest {
+  public:
+    static std::string KindOf(const kite::IComServer& server) {
+        if (dynamic_cast<const kite::CInProc32Server*>(&server)) return "CInProc32Server";
+        if (dynamic_cast<const kite::CInProcServer*>(&server)) return "CInProcServer";
+        if (dynamic_cast<const kite::COutProcServer*>(&server)) return "COutProcServer";
+        if (dynamic_cast<const kite::CDotNetAssembly*>(&server)) return "CDotNetAssembly";
+        return "unknown";
+    }
+};
 
 // Wine's regsvr32 registers the server, which writes its key; the DLL is never loaded into this
 // process. Unregistering removes the key again.

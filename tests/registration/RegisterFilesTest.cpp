@@ -75,9 +75,9 @@ TEST_F(RegisterFilesTest, SecondOfThreeFailsAndTheThirdIsNeverTried) {
     EXPECT_FALSE(Registered("third.dll"));
     const std::string log = ReadMaskedLog();
     EXPECT_EQ(LinesOfScope(log, "CKiteInstaller::RegisterFiles"),
-              std::vector<Lines>{
+              (std::vector<Lines>{
                   {"CKiteInstaller::RegisterFiles Failed to register server for : " + second + " 0",
-                   "CKiteInstaller::RegisterFiles Return: 0"}});
+                   "CKiteInstaller::RegisterFiles Return: 0"}}));
     EXPECT_EQ(LinesOfScope(log, "RegisterServer"),
               (std::vector<Lines>{
                   {"File: " + first + " Register: 1ServerType: 2", "HRESULT = 0"},

@@ -3,7 +3,6 @@
 // that the servers write when they are registered.
 #pragma once
 
-#include "registration/ComServer.h"
 #include "support/KiteTest.h"
 
 #include <shlwapi.h>
@@ -53,14 +52,6 @@ class RegistrationTest : public LogTest {
         DWORD bytes = sizeof value;
         return ::RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\KiteTest\\Servers", name.c_str(),
                               RRF_RT_REG_SZ, nullptr, value, &bytes) == ERROR_SUCCESS;
-    }
-
-    static std::string KindOf(const kite::IComServer& server) {
-        if (dynamic_cast<const kite::CInProc32Server*>(&server)) return "CInProc32Server";
-        if (dynamic_cast<const kite::CInProcServer*>(&server)) return "CInProcServer";
-        if (dynamic_cast<const kite::COutProcServer*>(&server)) return "COutProcServer";
-        if (dynamic_cast<const kite::CDotNetAssembly*>(&server)) return "CDotNetAssembly";
-        return "unknown";
     }
 
   private:
