@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -80,6 +82,106 @@ int RunInstances(HMODULE dll, const Args& args) {
     return 0;
 }
 
+// The texts of every <tag>...</tag> element in a manifest, in order. kitehost reads only what
+// its report needs; the DLL itself parses the manifest.
+std::vector<std::string> ElementTexts(const std::string& xml, const std::string& tag) {
+    std::vector<std::string> texts;
+    const std::string open = "<" + tag + ">";
+    const std::string close = "</" + tag + ">";
+    for (std::size_t at = xml.find(open); at != std::string::npos; at = xml.find(open, at)) {
+        at += open.size();
+        const std::size_t end = xml.find(close, at);
+        if (end == std::string::npos) break;
+        texts.push_back(xml.substr(at, end - at));
+    }
+    return texts;
+}
+
+bool Exists(const std::string& path) {
+    return ::GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::string LogPath() {
+    char folder[MAX_PATH] = {};
+    DWORD bytes = sizeof folder;
+    if (::RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\Tolvix\\TallowmereCommon",
+                       "CommonFilesDataPath", RRF_RT_REG_SZ, nullptr, folder,
+                       &bytes) != ERROR_SUCCESS) {
+        return "(no CommonFilesDataPath: nothing is logged)";
+    }
+    return std::string(folder) + "\\twupdate\\log\\CRITICALFIXES.LOG";
+}
+
+const char* ResultInWords(long result) {
+    switch (static_cast<unsigned long>(result)) {
+        case 0:
+            return "installed: every file placed and registered, the change committed";
+        case 0x80070005UL:
+            return "refused: administrator rights are needed; nothing was touched";
+        case 0x80004005UL:
+            return "failed: the installation was undone and will be forced next time";
+        default:
+            return "unexpected result";
+    }
+}
+
+// What a host updater does with a package folder holding kite.ini and manifest.xml: find the
+// installed release, decide whether the package applies or must be forced, make sure that the
+// product is not running, then install.
+int RunUpdate(HMODULE dll, const Args& args) {
+    const std::string package = args[0];
+    std::ifstream in(package + "\\manifest.xml", std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    const std::string manifest = text.str();
+    const std::vector<std::string> appdir = ElementTexts(manifest, "appdir");
+    if (!in || appdir.empty()) {
+        std::fprintf(stderr, "kitehost: %s\\manifest.xml is missing or names no appdir\n",
+                     package.c_str());
+        return 2;
+    }
+    const std::string product = appdir[0];
+    std::printf("Update of %s\n  from package %s\n", product.c_str(), package.c_str());
+
+    const int level = Export<GetTwSlipstream2Fn>(dll, "GetTwSlipstream2")(product.c_str());
+    std::printf("  release level (GetTwSlipstream2) ............ %d\n", level);
+    const bool applies =
+        Export<IsKITEApplicableFn>(dll, "IsKITEApplicable")(level, package + "\\kite.ini");
+    std::printf("  package applies (IsKITEApplicable) .......... %s\n", applies ? "yes" : "no");
+    const int forced =
+        Export<IsKITEToBeForceAppliedFn>(dll, "IsKITEToBeForceApplied")(product.c_str());
+    std::printf("  force marker (IsKITEToBeForceApplied) ....... %s\n", forced ? "yes" : "no");
+    if (!applies && !forced) {
+        std::printf("Nothing to do: the package is not for this release.\n");
+        return 1;
+    }
+    const int running =
+        Export<GetCountOfTwInstancesFn>(dll, "GetCountOfTwInstances")(product.c_str());
+    std::printf("  running product programs (GetCountOfTwInstances) %d\n", running);
+    if (running != 0) {
+        std::printf("Refused: %s. Close Tallowmere and run the update again.\n",
+                    running < 0 ? "the running programs cannot be listed"
+                                : "the product is running from this folder");
+        return 4;
+    }
+
+    const std::vector<std::string> files = ElementTexts(manifest, "dst");
+    std::vector<bool> existed;
+    for (const std::string& file : files) existed.push_back(Exists(file));
+    const long result = Export<InstallKiteFn>(dll, "InstallKite")(manifest.c_str());
+    std::printf("  InstallKite ................................. 0x%08lX, %s\n",
+                static_cast<unsigned long>(result), ResultInWords(result));
+    for (std::size_t i = 0; i < files.size(); ++i) {
+        const std::string name = files[i].substr(files[i].rfind('\\') + 1);
+        const std::string backup = product + "\\CriticalFixes\\" + name;
+        const char* what = result != 0 ? "unchanged" : existed[i] ? "replaced" : "added";
+        std::printf("    %-9s %s%s\n", what, files[i].c_str(),
+                    existed[i] && Exists(backup) ? ("  (backup: " + backup + ")").c_str() : "");
+    }
+    std::printf("  log: %s\n", LogPath().c_str());
+    return result == 0 ? 0 : 5;
+}
+
 const Command kCommands[] = {
     {"applicable", "applicable <level> <settings.ini>", 2, 2, RunApplicable},
     {"force", "force <product folder>", 1, 1, RunForce},
@@ -87,6 +189,7 @@ const Command kCommands[] = {
     {"slipstream-registry", "slipstream-registry <major version> <suffix>", 2, 2,
      RunSlipstreamRegistry},
     {"instances", "instances [folder]", 0, 1, RunInstances},
+    {"update", "update <package folder>  (holding kite.ini and manifest.xml)", 1, 1, RunUpdate},
 };
 
 int Usage() {
