@@ -45,9 +45,12 @@ typedef int (*IsKITEToBeForceAppliedFn)(const char* folder);
 } /* extern "C" */
 
 /* Ordinal 5: true when the "Slipstreams" list of section "KITEApplicability" in the settings
- * file names the release level. The path is a std::string passed by value and destroyed by the
- * DLL, so only a C++ host built with the same compiler and standard library as the DLL can make
- * this call; it has no C form. */
+ * file names the release level.
+ *
+ * Not a C function, although it is declared extern "C" (only so that its export name is the plain
+ * "IsKITEApplicable"): the path is a std::string object passed by value, which the DLL destroys.
+ * Host and DLL must therefore be built with the same compiler, standard library and string
+ * layout (here: mingw-w64 g++ 12, libstdc++, posix threads); any other host must not call it. */
 extern "C" bool IsKITEApplicable(int level, std::string settingsPath);
 typedef bool (*IsKITEApplicableFn)(int level, std::string settingsPath);
 #endif
