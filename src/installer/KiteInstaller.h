@@ -2,6 +2,8 @@
 // product folder and the folder-support flag; Commit or Abort consumes the journal.
 #pragma once
 
+#include <windows.h>
+
 #include <deque>
 #include <string>
 
@@ -16,6 +18,12 @@ struct ActionRecord {
 
 class CKiteInstaller {
   public:
+    // 1 when the network list manager reports internet connectivity, or cannot be asked.
+    static int CheckInternetConnection();
+    // Downloads "restorekite.ini" from the download server to the local path. E_FAIL when there
+    // is no connection (nothing is attempted), else the download's result.
+    static HRESULT SendRequestAndGetResponse(const char* destination);
+
     const std::deque<ActionRecord>& journal() const { return journal_; }
     const std::string& productFolder() const { return productFolder_; }
     bool folderSupport() const { return folderSupport_; }
