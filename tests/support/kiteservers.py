@@ -6,7 +6,7 @@
   collector  HTTPS on port 443: answers 200 with a reply of 1200 bytes and closes the connection;
              while <share>/control/collector-keepalive exists it keeps the connection open
              (idle for at most 30 s), and while <share>/control/collector-silent exists it never
-             answers (holding the connection for at most 300 s)
+             answers, holding the connection for the seconds the file names (300 when empty)
 
 Every accepted connection leaves <share>/connections/<server>-<n>, and every request is kept raw
 (request line, headers in order, body) as <share>/requests/<server>-<n>.http before it is
@@ -98,8 +98,13 @@ def file_responder(path, extra_headers=b""):
 def collector_responder(share):
     def respond(conn):
         control = os.path.join(share, "control")
-        deadline = time.time() + HOLD_SECONDS
-        while os.path.exists(os.path.join(control, "collector-silent")):
+        silent = os.path.join(control, "collector-silent")
+        try:
+            with open(silent) as held:
+                deadline = time.time() + float(held.read().strip() or HOLD_SECONDS)
+        except (OSError, ValueError):
+            deadline = time.time() + HOLD_SECONDS
+        while os.path.exists(silent):
             if time.time() > deadline:
                 return False
             time.sleep(0.05)
