@@ -19,7 +19,9 @@ class TelemetryReporter : public TelemetryConfig {
     // Created on the first call, with the configuration loaded; never destroyed.
     static TelemetryReporter& Instance();
 
-    // All fields at their starting values, no configuration loaded.
+    // All fields at their starting values, no configuration loaded. Assigning a fresh object to
+    // Instance() and calling LoadConfiguration() again gives a process (a test, a diagnostic) the
+    // state of a first use without a new process.
     TelemetryReporter() = default;
 
     void LoadConfiguration();
@@ -42,7 +44,7 @@ class TelemetryReporter : public TelemetryConfig {
     std::string slipStream;
     std::string majorVersion;
     std::string buildNumber;
-    std::string unused;  // no code path writes it
+    std::string reserved;  // no code path writes it
 };
 
 }  // namespace kite

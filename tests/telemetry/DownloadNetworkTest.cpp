@@ -15,16 +15,36 @@ using kitetest::Trail;
 const std::string kDisconnected =
     "CKiteInstaller:CheckInternetConnection  no internet connection, con has "
     "NLM_CONNECTIVITY_DISCONNECTED";
-const std::string kLocalOnly =
-    "CKiteInstaller:CheckInternetConnection  no internet connection, con has value other than "
-    "NLM_CONNECTIVITY_IPV4_INTERNET and NLM_CONNECTIVITY_IPV6_INTERNET";
 const std::string kDownload = "CKiteInstaller::SendRequestAndGetResponse ";
 
-// The network list manager's answer while a row runs.
-NLM_CONNECTIVITY connectivity;
-HRESULT AnswerConnectivity(INetworkListManager*, NLM_CONNECTIVITY* answer) {
-    *answer = connectivity;
+// What the platform answers while a row runs; by default its own answers.
+struct Answers {
+    HRESULT create = S_OK;    // a failure replaces CoCreateInstance's answer
+    HRESULT read = S_OK;      // a failure replaces GetConnectivity's; E_UNEXPECTED throws
+    int connectivity = -1;    // -1: the platform's own
+    HRESULT download = S_OK;  // a failure replaces URLDownloadToFileA's
+} answers;
+
+HRESULT WINAPI CreateManager(REFCLSID id, LPUNKNOWN outer, DWORD context, REFIID iid, LPVOID* out) {
+    return FAILED(answers.create) ? answers.create
+                                  : ::CoCreateInstance(id, outer, context, iid, out);
+}
+
+HRESULT ReadConnectivity(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity) {
+    if (answers.read == E_UNEXPECTED) throw std::runtime_error("fault");
+    if (FAILED(answers.read)) return answers.read;
+    if (answers.connectivity < 0) return manager->GetConnectivity(connectivity);
+    *connectivity = static_cast<NLM_CONNECTIVITY>(answers.connectivity);
     return S_OK;
+}
+
+HRESULT WINAPI Download(LPUNKNOWN caller, LPCSTR address, LPCSTR file, DWORD reserved,
+                        LPBINDSTATUSCALLBACK callback) {
+    if (FAILED(answers.download)) {
+        ::SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return answers.download;
+    }
+    return ::URLDownloadToFileA(caller, address, file, reserved, callback);
 }
 
 // The last error read after an exception is whatever the unwinding (COM's release and
@@ -34,168 +54,129 @@ std::string MaskLastError(const std::string& text) {
     return std::regex_replace(text, lastError, "GetLastError: :  <n>");
 }
 
-using Arrange = void (*)(kite::PlatformCalls& calls, kitetest::KiteServers& servers);
-
 class DownloadNetworkTest : public kitetest::LogTest {
   public:
     DownloadNetworkTest() {
         servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
         kite::TelemetryReporter::Instance() = kite::TelemetryReporter();
         kite::TelemetryReporter::Instance().LoadConfiguration();
+        platform_.calls().CoCreateInstance = CreateManager;
+        platform_.calls().GetConnectivity = ReadConnectivity;
+        platform_.calls().URLDownloadToFileA = Download;
     }
 
-    // Runs one row on a fresh log and collector, with the platform answers it arranges.
-    template <typename Call>
-    auto Run(Arrange arrange, Call call) {
+    // A fresh log and collector for one row.
+    void Begin(const Answers& rowAnswers) {
+        answers = rowAnswers;
         kitetest::RemoveTree(DataFolder() + "\\twupdate\\log");
         kitetest::CreateFolders(DataFolder() + "\\twupdate\\log");
         servers_.Clear();
-        servers_.restoreServer_.SetString(servers_.restore);
-        kitetest::PlatformOverride platform;
-        if (arrange != nullptr) arrange(platform.calls(), servers_);
-        return call();
     }
 
-    // The error events that reached the collector hold exactly these messages.
-    void ExpectEvents(const std::string& message, const std::string& what) {
+    // One error event with the message reached the collector, or none when it is empty.
+    void ExpectEvent(const std::string& message, const std::string& what) {
         const auto events = servers_.Requests("collector");
         ASSERT_EQ(events.size(), message.empty() ? 0u : 1u) << what;
         if (message.empty()) return;
-        EXPECT_NE(events[0].body.find("messagetype=\"Error\""), std::string::npos) << what;
-        EXPECT_NE(
-            MaskLastError(events[0].body).find("& ErrorMessage=\"" + message + "\"& SlipStream="),
-            std::string::npos)
+        const std::string body = MaskLastError(events[0].body);
+        EXPECT_NE(body.find("messagetype=\"Error\"&token=LED-TOKEN&"), std::string::npos) << what;
+        EXPECT_NE(body.find("& ErrorMessage=\"" + message + "\"& SlipStream="), std::string::npos)
             << what << "\n"
-            << events[0].body;
+            << body;
     }
 
+    kitetest::PlatformOverride platform_;
     kitetest::KiteServers servers_;
 };
 
 TEST_F(DownloadNetworkTest, ConnectivityVerdictsAreLoggedAndReported) {
     struct Row {
         const char* what;
-        Arrange arrange;
+        Answers answers;
         int connected;
         std::string message;
     };
     const Row rows[] = {
-        {"this machine's own answer", nullptr, 1, ""},
-        {"no network list manager",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             calls.CoCreateInstance = [](REFCLSID, LPUNKNOWN, DWORD, REFIID, LPVOID*) -> HRESULT {
-                 return REGDB_E_CLASSNOTREG;
-             };
-         },
-         1, ""},
-        {"connectivity cannot be read",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             calls.GetConnectivity = [](INetworkListManager*, NLM_CONNECTIVITY*) -> HRESULT {
-                 return E_FAIL;
-             };
-         },
-         1, ""},
-        {"IPv4 internet",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             connectivity = NLM_CONNECTIVITY_IPV4_INTERNET;
-             calls.GetConnectivity = AnswerConnectivity;
-         },
-         1, ""},
-        {"IPv6 internet",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             connectivity = NLM_CONNECTIVITY_IPV6_INTERNET;
-             calls.GetConnectivity = AnswerConnectivity;
-         },
-         1, ""},
+        {"this machine's own answer", {}, 1, ""},
+        {"no network list manager", {REGDB_E_CLASSNOTREG}, 1, ""},
+        {"connectivity cannot be read", {S_OK, E_FAIL}, 1, ""},
+        {"IPv4 internet", {S_OK, S_OK, NLM_CONNECTIVITY_IPV4_INTERNET}, 1, ""},
+        {"IPv6 internet", {S_OK, S_OK, NLM_CONNECTIVITY_IPV6_INTERNET}, 1, ""},
         {"local network only",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             connectivity = static_cast<NLM_CONNECTIVITY>(NLM_CONNECTIVITY_IPV4_LOCALNETWORK |
-                                                          NLM_CONNECTIVITY_IPV6_NOTRAFFIC);
-             calls.GetConnectivity = AnswerConnectivity;
-         },
-         0, kLocalOnly},
-        {"disconnected",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             connectivity = NLM_CONNECTIVITY_DISCONNECTED;
-             calls.GetConnectivity = AnswerConnectivity;
-         },
-         0, kDisconnected},
+         {S_OK, S_OK, NLM_CONNECTIVITY_IPV4_LOCALNETWORK | NLM_CONNECTIVITY_IPV6_NOTRAFFIC},
+         0,
+         "CKiteInstaller:CheckInternetConnection  no internet connection, con has value other "
+         "than NLM_CONNECTIVITY_IPV4_INTERNET and NLM_CONNECTIVITY_IPV6_INTERNET"},
+        {"disconnected", {S_OK, S_OK, NLM_CONNECTIVITY_DISCONNECTED}, 0, kDisconnected},
         {"an exception on the way",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             calls.GetConnectivity = [](INetworkListManager*, NLM_CONNECTIVITY*) -> HRESULT {
-                 throw std::runtime_error("fault");
-             };
-         },
-         1, "CKiteInstaller:CheckInternetConnection  got an exception with GetLastError: :  <n>"},
+         {S_OK, E_UNEXPECTED},
+         1,
+         "CKiteInstaller:CheckInternetConnection  got an exception with GetLastError: :  <n>"},
     };
     for (const Row& row : rows) {
-        EXPECT_EQ(Run(row.arrange, [] { return CKiteInstaller::CheckInternetConnection(); }),
-                  row.connected)
-            << row.what;
+        Begin(row.answers);
+        EXPECT_EQ(CKiteInstaller::CheckInternetConnection(), row.connected) << row.what;
         EXPECT_EQ(MaskLastError(ReadMaskedLog()),
                   Trail("CKiteInstaller::CheckInternetConnection",
                         row.message.empty() ? "" : row.message + "\r\n"))
             << row.what;
-        ExpectEvents(row.message, row.what);
+        ExpectEvent(row.message, row.what);
     }
 }
 
 TEST_F(DownloadNetworkTest, DownloadOutcomesAreLoggedAndReported) {
-    const std::string ini = "[Restore]\r\nTakeBackup=1\r\n";
+    const std::string success = kDownload + "Successfully downloaded the ini with GetLastError:  0";
     struct Row {
         const char* what;
-        Arrange arrange;
+        const char* authority;  // null: the restore server
+        const char* served;     // null: 404
+        Answers answers;
         HRESULT result;
         std::string message;
         const char* stored;  // the destination's content afterwards; null: no file
     };
     const Row rows[] = {
-        {"served",
-         [](kite::PlatformCalls&, kitetest::KiteServers& servers) {
-             servers.ServeRestoreFile("[Restore]\r\nTakeBackup=1\r\n");
-         },
-         S_OK, kDownload + "Successfully downloaded the ini with GetLastError:  0", ini.c_str()},
+        {"served", nullptr, "[Restore]\r\n", {}, S_OK, success, "[Restore]\r\n"},
         // The platform stores the server's error page and calls it a success.
-        {"not on the server (404)", nullptr, S_OK,
-         kDownload + "Successfully downloaded the ini with GetLastError:  0", "not found"},
-        {"server refuses the connection",
-         [](kite::PlatformCalls&, kitetest::KiteServers& servers) {
-             servers.restoreServer_.SetString("127.0.0.1:1");
-         },
-         static_cast<HRESULT>(0x800C0008), kDownload + "URL is invalid with GetLastError :  0",
+        {"not on the server (404)", nullptr, nullptr, {}, S_OK, success, "not found"},
+        {"the server refuses",
+         "127.0.0.1:1",
+         nullptr,
+         {},
+         static_cast<HRESULT>(0x800C0008),
+         kDownload + "URL is invalid with GetLastError :  0",
          nullptr},
         {"an address the platform refuses",
-         [](kite::PlatformCalls&, kitetest::KiteServers& servers) {
-             servers.restoreServer_.SetString("127.0.0.1:99999");
-         },
-         E_INVALIDARG, kDownload + "Failed with unknown error with GetLastError :  0", nullptr},
+         "127.0.0.1:99999",
+         nullptr,
+         {},
+         E_INVALIDARG,
+         kDownload + "Failed with unknown error with GetLastError :  0",
+         nullptr},
         {"out of memory",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers&) {
-             calls.URLDownloadToFileA = [](LPUNKNOWN, LPCSTR, LPCSTR, DWORD,
-                                           LPBINDSTATUSCALLBACK) -> HRESULT {
-                 ::SetLastError(8);
-                 return E_OUTOFMEMORY;
-             };
-         },
+         nullptr,
+         nullptr,
+         {S_OK, S_OK, -1, E_OUTOFMEMORY},
          E_OUTOFMEMORY,
          kDownload + "Buffer length invalid, or insufficient memory with GetLastError :  8",
          nullptr},
         // The restore server would answer; it gets no request at all.
         {"offline",
-         [](kite::PlatformCalls& calls, kitetest::KiteServers& servers) {
-             servers.ServeRestoreFile("[Restore]\r\n");
-             connectivity = NLM_CONNECTIVITY_DISCONNECTED;
-             calls.GetConnectivity = AnswerConnectivity;
-         },
-         E_FAIL, kDisconnected, nullptr},
+         nullptr,
+         "[Restore]\r\n",
+         {S_OK, S_OK, NLM_CONNECTIVITY_DISCONNECTED},
+         E_FAIL,
+         kDisconnected,
+         nullptr},
     };
     for (const Row& row : rows) {
+        Begin(row.answers);
+        servers_.restoreServer_.SetString(row.authority ? row.authority : servers_.restore);
+        if (row.served != nullptr) servers_.ServeRestoreFile(row.served);
         kitetest::TempFolder target("restore");
         const std::string destination = target / "restorekite.ini";
-        EXPECT_EQ(
-            Run(row.arrange,
-                [&] { return CKiteInstaller::SendRequestAndGetResponse(destination.c_str()); }),
-            row.result)
+
+        EXPECT_EQ(CKiteInstaller::SendRequestAndGetResponse(destination.c_str()), row.result)
             << row.what;
         const bool offline = row.result == E_FAIL;
         EXPECT_EQ(ReadMaskedLog(), Trail("CKiteInstaller::SendRequestAndGetResponse",
@@ -205,17 +186,15 @@ TEST_F(DownloadNetworkTest, DownloadOutcomesAreLoggedAndReported) {
                                              (offline ? "" : row.message + "\r\n") +
                                              "Exited from SendRequestAndGetResponse\r\n"))
             << row.what;
-        ExpectEvents(row.message, row.what);
+        ExpectEvent(row.message, row.what);
+        EXPECT_EQ(kitetest::ReadFileBytes(destination), row.stored ? row.stored : "") << row.what;
         EXPECT_EQ(kitetest::Exists(destination), row.stored != nullptr) << row.what;
-        if (offline) {
-            EXPECT_EQ(servers_.Connections("restore"), 0);
-        }
-        if (row.stored == nullptr) continue;
-        EXPECT_EQ(kitetest::ReadFileBytes(destination), row.stored) << row.what;
         const auto requests = servers_.Requests("restore");
-        ASSERT_EQ(requests.size(), 1u) << row.what;
-        EXPECT_EQ(requests[0].head.substr(0, requests[0].head.find("\r\n")),
-                  "GET /http.tolvix/kite/restorekite.ini HTTP/1.1");
+        EXPECT_EQ(requests.size(), row.stored ? 1u : 0u) << row.what;
+        if (!requests.empty()) {
+            EXPECT_EQ(requests[0].head.substr(0, requests[0].head.find("\r\n")),
+                      "GET /http.tolvix/kite/restorekite.ini HTTP/1.1");
+        }
     }
 }
 

@@ -1,6 +1,7 @@
 #include "common/BoundedFormat.h"
 #include "telemetry/EventBody.h"
 #include "telemetry/OperatingSystem.h"
+#include "telemetry/TelemetryReporter.h"
 
 #include "support/PlatformOverride.h"
 
@@ -11,23 +12,19 @@
 
 namespace {
 
-TEST(EventBody, IdentifierIsThirtySixUpperCaseHexCharactersAndHyphens) {
-    const GUID sample = {
-        0x0F1E2D3C, 0x4B5A, 0x6978, {0x87, 0x96, 0xA5, 0xB4, 0xC3, 0xD2, 0xE1, 0xF0}};
-    EXPECT_EQ(kite::FormatEventId(sample), "0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0");
-    const GUID small = {0x1, 0x2, 0x3, {0, 1, 2, 3, 4, 5, 6, 0xA}};
-    EXPECT_EQ(kite::FormatEventId(small), "00000001-0002-0003-0001-02030405060A");
-}
-
-// 1699 characters fit the body buffer with its terminator; one more ends the process instead of
-// sending a body cut short.
-TEST(EventBodyDeathTest, BodyOverTheBufferIsFatal) {
+// A body of 1699 characters fits its buffer with the terminator, and a host of 999 characters
+// its; one more ends the process instead of cutting the text short.
+TEST(EventBodyDeathTest, TextOverItsBufferIsFatal) {
+    const int code = static_cast<int>(kite::kInvalidArgumentExitCode);
     const std::string head = kite::ComposeEventBody(true, "T", "ID", "OS", "");
     const std::string fits(kite::kEventBodyBytes - 1 - head.size(), 'm');
     EXPECT_EQ(kite::ComposeEventBody(true, "T", "ID", "OS", fits.c_str()).size(), 1699u);
-    const std::string tooLong = fits + "m";
-    EXPECT_EXIT(kite::ComposeEventBody(true, "T", "ID", "OS", tooLong.c_str()),
-                ::testing::ExitedWithCode(static_cast<int>(kite::kInvalidArgumentExitCode)), "");
+    EXPECT_EXIT(kite::ComposeEventBody(true, "T", "ID", "OS", (fits + "m").c_str()),
+                ::testing::ExitedWithCode(code), "");
+    kite::TelemetryReporter reporter;
+    reporter.ledEnabled = true;
+    reporter.ledProd.host.assign(1000, 'h');
+    EXPECT_EXIT(reporter.PostEvent("k=v", true, "PROD"), ::testing::ExitedWithCode(code), "");
 }
 
 // The system that the platform's version tests describe.

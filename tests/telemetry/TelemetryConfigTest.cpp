@@ -89,29 +89,4 @@ TEST(TelemetryConfig, DocumentsAreReadByElementNamesAndCursors) {
     }
 }
 
-TEST(TelemetryConfig, EnvironmentPdsAloneSelectsThePerfSets) {
-    kite::TelemetryConfig config;
-    config.ledPerf.path = "led perf";
-    config.ledProd.path = "led prod";
-    config.trackPerf.path = "track perf";
-    config.trackProd.path = "track prod";
-    struct Row {
-        const char* environment;
-        bool isError;
-        const char* path;
-    };
-    const Row rows[] = {
-        {"PDS", true, "led perf"},      {"PROD", true, "led prod"},   {"", true, "led prod"},
-        {"PDSX", true, "led prod"},     {"PDS", false, "track perf"}, {"pds", false, "track prod"},
-        {nullptr, false, "track prod"},
-    };
-    for (const Row& row : rows) {
-        EXPECT_EQ(
-            kite::ChooseEndpoint(config, row.isError, kite::IsPerfEnvironment(row.environment))
-                .path,
-            row.path)
-            << (row.environment ? row.environment : "null") << " " << row.isError;
-    }
-}
-
 }  // namespace
