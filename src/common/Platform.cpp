@@ -2,12 +2,51 @@
 
 namespace kite {
 
+namespace {
+
+HRESULT AskConnectivity(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity) {
+    return manager->GetConnectivity(connectivity);
+}
+
+decltype(&::IsWow64Process) LookUpIsWow64Process() {
+    HMODULE kernel = ::GetModuleHandleA("kernel32");
+    FARPROC found = kernel == nullptr ? nullptr : ::GetProcAddress(kernel, "IsWow64Process");
+    return reinterpret_cast<decltype(&::IsWow64Process)>(reinterpret_cast<void*>(found));
+}
+
+// Assigned by name: the table grows with every platform call that needs a seam.
+PlatformCalls RealPlatform() {
+    PlatformCalls calls;
+    calls.IsUserAnAdmin = ::IsUserAnAdmin;
+    calls.OpenProcessToken = ::OpenProcessToken;
+    calls.GetTokenInformation = ::GetTokenInformation;
+    calls.CreateProcessA = ::CreateProcessA;
+    calls.GetFileVersionInfoSizeA = ::GetFileVersionInfoSizeA;
+    calls.GetFileVersionInfoA = ::GetFileVersionInfoA;
+    calls.VerQueryValueA = ::VerQueryValueA;
+    calls.OpenProcess = ::OpenProcess;
+    calls.GetModuleFileNameExA = ::GetModuleFileNameExA;
+    calls.InternetOpenW = ::InternetOpenW;
+    calls.InternetOpenUrlW = ::InternetOpenUrlW;
+    calls.InternetReadFile = ::InternetReadFile;
+    calls.InternetOpenA = ::InternetOpenA;
+    calls.InternetConnectA = ::InternetConnectA;
+    calls.HttpOpenRequestA = ::HttpOpenRequestA;
+    calls.HttpSendRequestA = ::HttpSendRequestA;
+    calls.HttpEndRequestA = ::HttpEndRequestA;
+    calls.URLDownloadToFileA = ::URLDownloadToFileA;
+    calls.CoCreateGuid = ::CoCreateGuid;
+    calls.CoCreateInstance = ::CoCreateInstance;
+    calls.GetConnectivity = AskConnectivity;
+    calls.VerifyVersionInfoW = ::VerifyVersionInfoW;
+    calls.IsWow64Process = LookUpIsWow64Process();
+    return calls;
+}
+
+}  // namespace
+
 PlatformCalls& Platform() {
-    static PlatformCalls calls = {
-        ::IsUserAnAdmin,           ::OpenProcessToken,    ::GetTokenInformation, ::CreateProcessA,
-        ::GetFileVersionInfoSizeA, ::GetFileVersionInfoA, ::VerQueryValueA,      ::OpenProcess,
-        ::GetModuleFileNameExA,
-    };
+    static PlatformCalls calls = RealPlatform();
     return calls;
 }
 

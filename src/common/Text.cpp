@@ -4,6 +4,8 @@
 #include <climits>
 #include <cstdlib>
 
+#include <windows.h>
+
 namespace kite {
 
 int TextToInt(const char* text) {
@@ -12,6 +14,15 @@ int TextToInt(const char* text) {
     if (value > INT_MAX) return INT_MAX;
     if (value < INT_MIN) return INT_MIN;
     return static_cast<int>(value);
+}
+
+std::wstring WidenText(const std::string& text) {
+    if (text.empty()) return std::wstring();
+    const int size = static_cast<int>(text.size());
+    const int length = ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, nullptr, 0);
+    std::wstring wide(static_cast<std::size_t>(length), L'\0');
+    if (length > 0) ::MultiByteToWideChar(CP_ACP, 0, text.data(), size, &wide[0], length);
+    return wide;
 }
 
 }  // namespace kite

@@ -11,4 +11,8 @@ namespace kite {
 int TextToInt(const char* text);
 inline int TextToInt(const std::string& text) { return TextToInt(text.c_str()); }
 
+// The wide form of a text in the system's ANSI code page, for the platform calls that take only
+// wide strings.
+std::wstring WidenText(const std::string& text);
+
 }  // namespace kite
