@@ -12,6 +12,17 @@ HRESULT WINAPI CLRCreateInstanceOfMscoree(REFCLSID clsid, REFIID riid, LPVOID* o
     return create == nullptr ? E_NOTIMPL : create(clsid, riid, object);
 }
 
+HRESULT AskConnectivity(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity) {
+    return manager->GetConnectivity(connectivity);
+}
+
+decltype(&::IsWow64Process) LookUpIsWow64Process() {
+    HMODULE kernel = ::GetModuleHandleA("kernel32");
+    FARPROC found = kernel == nullptr ? nullptr : ::GetProcAddress(kernel, "IsWow64Process");
+    return reinterpret_cast<decltype(&::IsWow64Process)>(reinterpret_cast<void*>(found));
+}
+
+// Assigned by name: the table grows with every platform call that needs a seam.
 PlatformCalls RealPlatform() {
     PlatformCalls calls;
     calls.IsUserAnAdmin = ::IsUserAnAdmin;
@@ -32,6 +43,19 @@ PlatformCalls RealPlatform() {
     calls.Sleep = ::Sleep;
     calls.LoadLibraryA = ::LoadLibraryA;
     calls.CLRCreateInstance = CLRCreateInstanceOfMscoree;
+    calls.InternetOpenW = ::InternetOpenW;
+    calls.InternetOpenUrlW = ::InternetOpenUrlW;
+    calls.InternetReadFile = ::InternetReadFile;
+    calls.InternetOpenA = ::InternetOpenA;
+    calls.InternetConnectA = ::InternetConnectA;
+    calls.HttpOpenRequestA = ::HttpOpenRequestA;
+    calls.HttpSendRequestA = ::HttpSendRequestA;
+    calls.HttpEndRequestA = ::HttpEndRequestA;
+    calls.URLDownloadToFileA = ::URLDownloadToFileA;
+    calls.CoCreateInstance = ::CoCreateInstance;
+    calls.GetConnectivity = AskConnectivity;
+    calls.VerifyVersionInfoW = ::VerifyVersionInfoW;
+    calls.IsWow64Process = LookUpIsWow64Process();
     return calls;
 }
 

@@ -9,6 +9,9 @@
 #include <objbase.h>
 #include <psapi.h>
 #include <shlobj.h>
+#include <wininet.h>
+#include <urlmon.h>
+#include <netlistmgr.h>
 
 namespace kite {
 
@@ -30,6 +33,23 @@ struct PlatformCalls {
     decltype(&::OpenProcess) OpenProcess;
     // psapi.h names kernel32's K32GetModuleFileNameExA here (Windows 7 and later): no psapi.dll.
     decltype(&::GetModuleFileNameExA) GetModuleFileNameExA;
+
+    // Telemetry and downloads.
+    decltype(&::InternetOpenW) InternetOpenW;
+    decltype(&::InternetOpenUrlW) InternetOpenUrlW;
+    decltype(&::InternetReadFile) InternetReadFile;
+    decltype(&::InternetOpenA) InternetOpenA;
+    decltype(&::InternetConnectA) InternetConnectA;
+    decltype(&::HttpOpenRequestA) HttpOpenRequestA;
+    decltype(&::HttpSendRequestA) HttpSendRequestA;
+    decltype(&::HttpEndRequestA) HttpEndRequestA;
+    decltype(&::URLDownloadToFileA) URLDownloadToFileA;
+    decltype(&::CoCreateInstance) CoCreateInstance;
+    // INetworkListManager::GetConnectivity on the given manager.
+    HRESULT (*GetConnectivity)(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity);
+    decltype(&::VerifyVersionInfoW) VerifyVersionInfoW;
+    // Looked up by name in kernel32, as systems without it exist; null where it is missing.
+    decltype(&::IsWow64Process) IsWow64Process;
     decltype(&::LoadLibraryA) LoadLibraryA;
     // mscoree.dll's CLRCreateInstance; the caller has mscoree.dll loaded.
     HRESULT(WINAPI* CLRCreateInstance)(REFCLSID clsid, REFIID riid, LPVOID* object);

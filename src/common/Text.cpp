@@ -6,6 +6,8 @@
 #include <climits>
 #include <cstdlib>
 
+#include <windows.h>
+
 namespace kite {
 
 int TextToInt(const char* text) {
@@ -16,12 +18,12 @@ int TextToInt(const char* text) {
     return static_cast<int>(value);
 }
 
-std::wstring WidenAnsi(const std::string& text) {
-    const int length = ::MultiByteToWideChar(CP_THREAD_ACP, 0, text.c_str(), -1, nullptr, 0);
-    if (length <= 0) return std::wstring();
+std::wstring WidenText(const std::string& text, unsigned int codePage) {
+    if (text.empty()) return std::wstring();
+    const int size = static_cast<int>(text.size());
+    const int length = ::MultiByteToWideChar(codePage, 0, text.data(), size, nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(length), L'\0');
-    ::MultiByteToWideChar(CP_THREAD_ACP, 0, text.c_str(), -1, &wide[0], length);
-    wide.resize(static_cast<std::size_t>(length) - 1);
+    if (length > 0) ::MultiByteToWideChar(codePage, 0, text.data(), size, &wide[0], length);
     return wide;
 }
 

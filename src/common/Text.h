@@ -11,7 +11,8 @@ namespace kite {
 int TextToInt(const char* text);
 inline int TextToInt(const std::string& text) { return TextToInt(text.c_str()); }
 
-// ANSI text of the thread's code page as the wide text that wide-only platform calls take.
-std::wstring WidenAnsi(const std::string& text);
+// The wide form of a text in an ANSI code page (the system's by default), for the platform calls
+// that take only wide strings.
+std::wstring WidenText(const std::string& text, unsigned int codePage = 0 /* CP_ACP */);
 
 }  // namespace kite

@@ -165,7 +165,7 @@ int CKiteInstaller::CopyFile_S(const std::string& source, const std::string& des
         log << "Error: Invalid path. " << destination << std::endl;
     } else {
         const std::string folder = destination.substr(0, slash);
-        const std::wstring wideFolder = WidenAnsi(folder);
+        const std::wstring wideFolder = WidenText(folder, CP_THREAD_ACP);
         const int created = Platform().SHCreateDirectory(nullptr, wideFolder.c_str());
         if (created == ERROR_SUCCESS || created == ERROR_FILE_EXISTS ||
             created == ERROR_ALREADY_EXISTS) {

@@ -80,7 +80,7 @@ HRESULT IsDotNetAssembly(const std::string& path) {
     ClrMetaHost host;
     HRESULT result = host.Create();
     if (SUCCEEDED(result)) {
-        const std::wstring widePath = WidenAnsi(path);
+        const std::wstring widePath = WidenText(path);
         wchar_t version[260] = {};
         DWORD chars = 260;
         result = host->GetVersionFromFile(widePath.c_str(), version, &chars);

@@ -11,7 +11,7 @@ expected_exports="1 GetCountOfTwInstances
 5 IsKITEApplicable
 6 IsKITEToBeForceApplied"
 system_dlls="ADVAPI32.dll KERNEL32.dll msvcrt.dll ole32.dll OLEAUT32.dll SHELL32.dll USER32.dll
-VERSION.dll WININET.dll urlmon.dll"
+VERSION.dll WININET.dll urlmon.dll SHLWAPI.dll"
 
 table=$("$objdump" -p "$dll")
 exports=$(echo "$table" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' |

@@ -222,13 +222,23 @@ ProcessResult RunProcess(const std::string& commandLine) {
         ::CloseHandle(readEnd);
         throw std::runtime_error("cannot start " + commandLine);
     }
+    // Output is collected until the child exits, not until the pipe closes: a process that the
+    // child starts can inherit the pipe and outlive it (Wine starts its desktop process,
+    // explorer.exe, on a program's first COM apartment or window).
     ProcessResult result = {0, ""};
     char chunk[4096];
-    DWORD count = 0;
-    while (::ReadFile(readEnd, chunk, sizeof chunk, &count, nullptr) && count > 0) {
-        result.output.append(chunk, count);
+    for (bool exited = false; !exited;) {
+        exited = ::WaitForSingleObject(process.hProcess, 10) == WAIT_OBJECT_0;
+        DWORD available = 0;
+        DWORD count = 0;
+        while (::PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) &&
+               available > 0 &&
+               ::ReadFile(readEnd, chunk, sizeof chunk < available ? sizeof chunk : available,
+                          &count, nullptr) &&
+               count > 0) {
+            result.output.append(chunk, count);
+        }
     }
-    ::WaitForSingleObject(process.hProcess, INFINITE);
     ::GetExitCodeProcess(process.hProcess, &result.exitCode);
     ::CloseHandle(process.hProcess);
     ::CloseHandle(process.hThread);

@@ -3,8 +3,13 @@
 //
 //   kitehost [--dll PATH] COMMAND ARGS...
 //
-// The DLL is taken from next to kitehost.exe unless --dll names another.
+// The DLL is taken from next to kitehost.exe unless --dll names another. The diagnostic commands
+// (telemetry, restore, event) reach parts of the library that no export offers; for them kitehost
+// links the library itself and does not load the DLL.
 #include "KITEUpdate.h"
+#include "installer/KiteInstaller.h"
+#include "telemetry/DownloadServer.h"
+#include "telemetry/TelemetryReporter.h"
 
 #include <windows.h>
 
@@ -20,11 +25,14 @@ namespace {
 
 using Args = std::vector<std::string>;
 
+int Usage();
+
 struct Command {
     const char* name;
     const char* usage;
     std::size_t minArgs;
     std::size_t maxArgs;
+    bool loadsDll;
     int (*run)(HMODULE dll, const Args& args);
 };
 
@@ -82,19 +90,73 @@ int RunInstances(HMODULE dll, const Args& args) {
     return 0;
 }
 
-// The texts of every <tag>...</tag> element in a manifest, in order. kitehost reads only what
-// its report needs; the DLL itself parses the manifest.
-std::vector<std::string> ElementTexts(const std::string& xml, const std::string& tag) {
-    std::vector<std::string> texts;
-    const std::string open = "<" + tag + ">";
-    const std::string close = "</" + tag + ">";
-    for (std::size_t at = xml.find(open); at != std::string::npos; at = xml.find(open, at)) {
-        at += open.size();
-        const std::size_t end = xml.find(close, at);
-        if (end == std::string::npos) break;
-        texts.push_back(xml.substr(at, end - at));
+std::string Source(const kite::ServerSetting& server, const char* valueName) {
+    return server.fromRegistry ? std::string("registry value ") + valueName : "built in";
+}
+
+// Header values often carry credentials; only the header's name is shown.
+std::string HeaderName(const std::string& header) {
+    if (header.empty()) return "no extra header";
+    return "header " + header.substr(0, header.find(':')) + " (value not shown)";
+}
+
+void PrintChannel(const char* title, bool enabled, const std::string& token,
+                  const kite::EndpointSet& perf, const kite::EndpointSet& prod) {
+    std::printf("%s: %s, %s\n", title, enabled ? "enabled" : "disabled",
+                token.empty() ? "no token" : "token set");
+    const kite::EndpointSet* sets[] = {&perf, &prod};
+    const char* names[] = {"perf (PDS)", "prod"};
+    for (int i = 0; i < 2; ++i) {
+        if (sets[i]->host.empty()) {
+            std::printf("  %-10s no host\n", names[i]);
+            continue;
+        }
+        std::printf("  %-10s https://%s:443%s, %s\n", names[i], sets[i]->host.c_str(),
+                    sets[i]->path.c_str(), HeaderName(sets[i]->header).c_str());
     }
-    return texts;
+}
+
+int RunTelemetry(HMODULE, const Args&) {
+    const kite::ServerSetting config = kite::ReadDownloadServer(kite::kConfigServerValue);
+    const kite::ServerSetting restore = kite::ReadDownloadServer(kite::kRestoreServerValue);
+    std::printf("Configuration: %s (%s)\n", kite::ConfigurationAddress(config.authority).c_str(),
+                Source(config, kite::kConfigServerValue).c_str());
+    std::printf("Restore file:  %s (%s)\n", kite::RestoreFileAddress(restore.authority).c_str(),
+                Source(restore, kite::kRestoreServerValue).c_str());
+    const kite::TelemetryReporter& reporter = kite::TelemetryReporter::Instance();
+    PrintChannel("Error channel (LED)", reporter.ledEnabled, reporter.ledToken, reporter.ledPerf,
+                 reporter.ledProd);
+    PrintChannel("Tracking channel (Track)", reporter.trackEnabled, reporter.trackToken,
+                 reporter.trackPerf, reporter.trackProd);
+    std::printf("Kill switch: %s (recorded only: it stops no event)\n",
+                reporter.killSwitchOpen ? "open" : "not open");
+    return 0;
+}
+
+int RunRestore(HMODULE, const Args& args) {
+    const HRESULT result = kite::CKiteInstaller::SendRequestAndGetResponse(args[0].c_str());
+    std::printf("SendRequestAndGetResponse(%s) = 0x%08lX (%s)\n", args[0].c_str(),
+                static_cast<unsigned long>(result),
+                result == S_OK     ? "downloaded"
+                : result == E_FAIL ? "no internet connection, nothing attempted"
+                                   : "the download failed");
+    return 0;
+}
+
+int RunEvent(HMODULE, const Args& args) {
+    if (args[0] != "error" && args[0] != "info") return Usage();
+    const bool isError = args[0] == "error";
+    kite::TelemetryReporter& reporter = kite::TelemetryReporter::Instance();
+    try {
+        reporter.ReportEvent(0, args[1].c_str(), isError);
+    } catch (int code) {
+        std::printf("ReportEvent failed with exception %d\n", code);
+        return 1;
+    }
+    std::printf("ReportEvent(%s) sent as %s event; the %s channel is %s\n", args[1].c_str(),
+                isError ? "an error" : "an informational", isError ? "error" : "tracking",
+                (isError ? reporter.ledEnabled : reporter.trackEnabled) ? "enabled" : "disabled");
+    return 0;
 }
 
 bool Exists(const std::string& path) {
@@ -134,13 +196,20 @@ int RunUpdate(HMODULE dll, const Args& args) {
     std::ostringstream text;
     text << in.rdbuf();
     const std::string manifest = text.str();
-    const std::vector<std::string> appdir = ElementTexts(manifest, "appdir");
-    if (!in || appdir.empty()) {
-        std::fprintf(stderr, "kitehost: %s\\manifest.xml is missing or names no appdir\n",
-                     package.c_str());
+    // kitehost reads only what its report needs; the DLL parses the manifest for itself.
+    std::string product;
+    std::vector<std::string> files;
+    try {
+        const kite::ptree tree = kite::ParseManifest(manifest.c_str());
+        product = tree.get<std::string>("commands.appdir");
+        for (const kite::ptree::value_type& child : tree.get_child("commands")) {
+            if (kite::IsCommand(child)) files.push_back(kite::ReadCommand(child.second).dst);
+        }
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kitehost: %s\\manifest.xml cannot be read: %s\n", package.c_str(),
+                     error.what());
         return 2;
     }
-    const std::string product = appdir[0];
     std::printf("Update of %s\n  from package %s\n", product.c_str(), package.c_str());
 
     const int level = Export<GetTwSlipstream2Fn>(dll, "GetTwSlipstream2")(product.c_str());
@@ -165,7 +234,6 @@ int RunUpdate(HMODULE dll, const Args& args) {
         return 4;
     }
 
-    const std::vector<std::string> files = ElementTexts(manifest, "dst");
     std::vector<bool> existed;
     for (const std::string& file : files) existed.push_back(Exists(file));
     const long result = Export<InstallKiteFn>(dll, "InstallKite")(manifest.c_str());
@@ -183,18 +251,28 @@ int RunUpdate(HMODULE dll, const Args& args) {
 }
 
 const Command kCommands[] = {
-    {"applicable", "applicable <level> <settings.ini>", 2, 2, RunApplicable},
-    {"force", "force <product folder>", 1, 1, RunForce},
-    {"slipstream", "slipstream <product folder>", 1, 1, RunSlipstream},
-    {"slipstream-registry", "slipstream-registry <major version> <suffix>", 2, 2,
+    {"applicable", "applicable <level> <settings.ini>", 2, 2, true, RunApplicable},
+    {"force", "force <product folder>", 1, 1, true, RunForce},
+    {"slipstream", "slipstream <product folder>", 1, 1, true, RunSlipstream},
+    {"slipstream-registry", "slipstream-registry <major version> <suffix>", 2, 2, true,
      RunSlipstreamRegistry},
-    {"instances", "instances [folder]", 0, 1, RunInstances},
-    {"update", "update <package folder>  (holding kite.ini and manifest.xml)", 1, 1, RunUpdate},
+    {"instances", "instances [folder]", 0, 1, true, RunInstances},
+    {"telemetry", "telemetry           (linked library) the effective telemetry configuration", 0,
+     0, false, RunTelemetry},
+    {"restore", "restore <file>      (linked library) download restorekite.ini to the file", 1, 1,
+     false, RunRestore},
+    {"event", "event error|info <message>  (linked library) report one telemetry event", 2, 2,
+     false, RunEvent},
+    {"update", "update <package folder>  (holding kite.ini and manifest.xml)", 1, 1, true,
+     RunUpdate},
 };
 
 int Usage() {
     std::fprintf(stderr, "usage: kitehost [--dll PATH] COMMAND ARGS...\ncommands:\n");
     for (const Command& command : kCommands) std::fprintf(stderr, "  %s\n", command.usage);
+    std::fprintf(stderr,
+                 "(linked library): kitehost runs its own copy of the library; the DLL is not "
+                 "loaded\n");
     return 2;
 }
 
@@ -221,6 +299,7 @@ int main(int argc, char** argv) {
         if (args[0] != command.name) continue;
         const std::size_t given = args.size() - 1;
         if (given < command.minArgs || given > command.maxArgs) return Usage();
+        if (!command.loadsDll) return command.run(nullptr, Args(args.begin() + 1, args.end()));
         HMODULE dll = ::LoadLibraryA(dllPath.c_str());
         if (dll == nullptr) {
             std::fprintf(stderr, "kitehost: cannot load %s (error %lu)\n", dllPath.c_str(),

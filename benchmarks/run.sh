@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# What telemetry events cost under Wine, against the loopback collector, in a prefix of its own:
+#   1. 200 events one after another, to a collector that answers and closes the connection;
+#   2. one event to a collector that answers and keeps the connection open (idle up to 30 s);
+#   3. one event to a collector that accepts the connection and never answers (it gives up after
+#      120 s).
+# Takes about three minutes; the figures are kept in benchmarks/README.md.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${KITE_BUILD_DIR:-$root/build}
+bash "$root/scripts/build.sh" >/dev/null
+
+export WINEPREFIX=$build/bench-prefix WINEDEBUG=-all
+wine64=/usr/lib/wine/wine64
+state=$build/bench-servers
+share=$WINEPREFIX/drive_c/kiteservers
+bash "$root/tests/support/wineprefix.sh" start "$WINEPREFIX"
+trap 'bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$state"
+      bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"' EXIT
+bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$state" "$build/bin"
+
+address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
+"$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v KiteConfigServer /t REG_SZ \
+    /d "$(address config)" /f >/dev/null 2>&1
+printf '<SplunkConfig><LED><enable>true</enable><token>BENCH</token><prod><loc>%s</loc>%s%s</prod></LED></SplunkConfig>' \
+    "$(address collector)" '<endpoint>/services/collector/raw</endpoint>' \
+    '<header>Authorization: Splunk BENCH</header>' >"$share/config/SplunkConfig.xml"
+
+bench() {
+    "$wine64" "$build/bin/kitebench.exe" "$@" >"$state/bench.out"
+    tr -d '\r' <"$state/bench.out" | sed 's/^/   /'
+}
+collected() { find "$share/requests" -name 'collector-*.http' | wc -l; }
+
+echo "1. 200 events to a collector that answers and closes the connection"
+bench events 200
+echo "   the collector received $(collected) requests"
+echo "2. one event to a collector that answers and keeps the connection open"
+: >"$share/control/collector-keepalive"
+bench one
+rm "$share/control/collector-keepalive"
+echo "3. one event to a collector that accepts the connection and never answers (gives up after 120 s)"
+echo 120 >"$share/control/collector-silent"
+bench one
+rm "$share/control/collector-silent"

@@ -1,0 +1,81 @@
+// The HTTPS post of one event. Every event opens its own internet handle and connection and
+// closes them again: the module keeps nothing open between events, and WinINet's default
+// time-outs apply.
+#include "telemetry/TelemetryReporter.h"
+
+#include "common/BoundedFormat.h"
+#include "common/Handles.h"
+#include "common/Platform.h"
+
+#include <cstring>
+#include <vector>
+
+namespace kite {
+
+namespace {
+
+constexpr std::size_t kEndpointBufferBytes = 1000;
+constexpr DWORD kReplyBufferBytes = 500;
+constexpr DWORD kRequestFlags = INTERNET_FLAG_SECURE | INTERNET_FLAG_NO_COOKIES;
+constexpr const char* kContentTypeHeader = "Content-Type: application/x-www-form-urlencoded";
+
+// The reply is read to its end so that the connection closes cleanly; its content is not used.
+void DrainReply(HINTERNET request) {
+    char reply[kReplyBufferBytes];
+    DWORD read = 0;
+    do {
+        read = 0;
+        Platform().InternetReadFile(request, reply, kReplyBufferBytes - 1, &read);
+        reply[read < kReplyBufferBytes ? read : 0] = '\0';
+    } while (read > 0);
+}
+
+}  // namespace
+
+bool TelemetryReporter::PostEvent(const char* body, bool isError, const char* environment) {
+    if (killSwitchGate && !killSwitchOpen) return false;
+    if (!(isError ? ledEnabled : trackEnabled) || body == nullptr) return false;
+    const bool isPerf = IsPerfEnvironment(environment);
+    const EndpointSet& endpoint = ChooseEndpoint(*this, isError, isPerf);
+    try {
+        char target[kEndpointBufferBytes];
+        FormatBounded(target, "%s", endpoint.host.c_str());
+        UniqueInternet internet(
+            Platform().InternetOpenA(nullptr, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+        if (!internet) return false;
+        UniqueInternet connection(
+            Platform().InternetConnectA(internet.get(), target, INTERNET_DEFAULT_HTTPS_PORT,
+                                        nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0));
+        if (!connection) return false;
+        FormatBounded(target, "%s", endpoint.path.c_str());
+        UniqueInternet request(Platform().HttpOpenRequestA(
+            connection.get(), "POST", target, nullptr, nullptr, nullptr, kRequestFlags, 0));
+        if (!request) return false;
+        const std::size_t length = std::strlen(body);
+        std::vector<char> copy(length + 1, '\0');
+        std::memcpy(copy.data(), body, length);
+        const bool sent = SendWithHeaders(request.get(), copy.data(), static_cast<DWORD>(length),
+                                          isError, isPerf);
+        if (sent) DrainReply(request.get());
+        return sent;
+    } catch (...) {
+        throw 1;
+    }
+}
+
+bool TelemetryReporter::SendWithHeaders(HINTERNET request, const char* body, DWORD bodyLength,
+                                        bool isError, bool isPerf) {
+    const std::string text =
+        std::string(kContentTypeHeader) + "\r\n" + ChooseEndpoint(*this, isError, isPerf).header;
+    std::vector<char> headers(text.begin(), text.end());
+    headers.push_back('\0');
+    if (!Platform().HttpSendRequestA(request, headers.data(), static_cast<DWORD>(text.size()),
+                                     const_cast<char*>(body), bodyLength)) {
+        return false;
+    }
+    // The module ends every request this way, after a plain send too; the post counts as
+    // completed only when this succeeds.
+    return Platform().HttpEndRequestA(request, nullptr, 0, 0) != FALSE;
+}
+
+}  // namespace kite
