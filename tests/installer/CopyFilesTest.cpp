@@ -2,7 +2,11 @@
 
 #include "support/KiteTest.h"
 #include "support/LogLines.h"
+#include "support/HeldFile.h"
 #include "support/PlatformOverride.h"
+#include "support/Telemetry.h"
+
+#include <shlobj.h>
 
 #include <regex>
 #include <vector>
@@ -53,6 +57,9 @@ class CopyFilesTest : public kitetest::LogTest {
         return installer_.CopyFiles(manifest.get_child("commands"));
     }
 
+    std::vector<std::string> Events() const { return telemetry_.servers.EventMessages(); }
+
+    kitetest::TelemetryToCollector telemetry_;
     kitetest::TempFolder product_{"product"};
     kitetest::TempFolder package_{"package"};
     kite::CKiteInstaller installer_;
@@ -136,6 +143,7 @@ TEST_F(CopyFilesTest, CopyRetriesWaitASecondBetweenAttempts) {
         int result;
         int copyCalls;
         Lines retryLines;
+        std::vector<std::string> events;  // after the destination's "File does not exist"
     };
     const std::string src = package_ / "late.dll";
     const std::string dst = product_ / "late.dll";
@@ -146,14 +154,31 @@ TEST_F(CopyFilesTest, CopyRetriesWaitASecondBetweenAttempts) {
          4,
          {attempt + "failed in attempt  1", attempt + "failed in attempt  2",
           attempt + "failed in attempt  3",
-          "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + dst}},
-        {2, 1, 3, {attempt + "failed in attempt  1", attempt + "passed in attempt  2"}},
+          "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + dst},
+         {"error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "error: KITE: CopyFile_S failed for all the 3 attempts.",
+          "error: KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + dst,
+          "error: KITE: CKiteInstaller::CopyFiles copied these files Failure",
+          "error: CKiteInstaller::CopyFiles Return: 0"}},
+        {2,
+         1,
+         3,
+         {attempt + "failed in attempt  1", attempt + "passed in attempt  2"},
+         {"error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "error: KITE: CopyFile_S failed at CUtils::FileExists: late.dll",
+          "info: KITE: CopyFile_S passed in attempt number 2",
+          "info: KITE: CKiteInstaller::CopyFiles copied these files Success",
+          "info: CKiteInstaller::CopyFiles Return: 1"}},
     };
     for (const Row& row : rows) {
         kitetest::RemoveTree(product_.path());
         kitetest::CreateFolders(product_.path());
         ::DeleteFileA(src.c_str());
-        WriteFileBytes(LogPath(), "");
+        ClearLog();
+        telemetry_.servers.Clear();
         kite::CKiteInstaller installer;
         installer.SetProductFolder(product_.path());
 
@@ -184,6 +209,10 @@ TEST_F(CopyFilesTest, CopyRetriesWaitASecondBetweenAttempts) {
         EXPECT_EQ(LinesOfScope(log, "CopyFile_S")[0],
                   (Lines{"CopyFile_S: " + src + " => " + dst, "Error: " + src + " doesn't exist"}));
         EXPECT_EQ(installer.journal().size(), row.result == 1 ? 1u : 0u);
+        std::vector<std::string> events = {
+            "info: KITE: CKiteInstaller::CopyFiles:FileExists File does not exist " + dst};
+        events.insert(events.end(), row.events.begin(), row.events.end());
+        EXPECT_EQ(Events(), events);
     }
 }
 
@@ -207,7 +236,7 @@ TEST_F(CopyFilesTest, BackupCopiesOfProgramFilesAndBuildInfoOnly) {
     for (const Row& row : rows) {
         const std::string path = product_ / row.name;
         if (row.exists) WriteFileBytes(path, "installed " + row.name);
-        WriteFileBytes(LogPath(), "");
+        ClearLog();
         EXPECT_EQ(installer_.BackupFile(path, row.flag), 1) << row.name;
         EXPECT_EQ(kitetest::Exists(product_ / ("CriticalFixes\\" + row.name)), row.backedUp)
             << row.name;
@@ -266,6 +295,142 @@ TEST_F(CopyFilesTest, ManifestWithoutCommandsCopiesNothingAndSucceeds) {
             .c_str());
     EXPECT_EQ(installer_.CopyFiles(manifest.get_child("commands")), 1);
     EXPECT_TRUE(installer_.journal().empty());
+    EXPECT_EQ(Events(), (std::vector<std::string>{
+                            "info: KITE: CKiteInstaller::CopyFiles copied these files Success",
+                            "info: CKiteInstaller::CopyFiles Return: 1"}));
+}
+
+// The restore policy can only switch backups off, for releases from its value on; without a
+// verdict from it the built-in table decides. A 404 counts as no verdict (Wine stores the error
+// page as the file, which holds no such key).
+TEST_F(CopyFilesTest, BackupPolicyFromTheRestoreFileAndTheBuiltInTable) {
+    struct Row {
+        unsigned int major;
+        unsigned int release;
+        const char* policy;  // nullptr: the server answers 404
+        int backups;
+    };
+    const Row rows[] = {
+        {25, 9999, nullptr, 1},
+        {26, 4013, nullptr, 1},
+        {26, 4014, nullptr, 0},
+        {27, 4008, nullptr, 1},
+        {27, 4009, nullptr, 0},
+        {28, 4005, nullptr, 1},
+        {28, 4006, nullptr, 0},
+        {29, 1, nullptr, 0},
+        {27, 4009, "[takebackup]\r\n27=4100\r\n", 0},
+        {27, 4008, "[takebackup]\r\n27=4100\r\n", 1},
+        {25, 4000, "[takebackup]\r\n25=4000\r\n", 0},
+        {25, 4000, "[takebackup]\r\n25=3999\r\n", 0},
+        {25, 4000, "[takebackup]\r\n25=4001\r\n", 1},
+        {25, 4000, "[takebackup]\r\n26=1\r\n", 1},
+    };
+    char roaming[MAX_PATH] = {};
+    ::SHGetFolderPathA(nullptr, CSIDL_APPDATA, nullptr, 0, roaming);
+    const std::string policyFile = std::string(roaming) + "\\restorekite.ini";
+    for (const Row& row : rows) {
+        const std::string what =
+            std::to_string(row.major) + "." + std::to_string(row.release) +
+            (row.policy ? std::string(" with ") + row.policy : " without policy");
+        telemetry_.servers.Clear();
+        telemetry_.servers.ServeConfiguration(
+            kitetest::CollectorConfiguration(telemetry_.servers.collector));
+        if (row.policy) telemetry_.servers.ServeRestoreFile(row.policy);
+        ClearLog();
+
+        EXPECT_EQ(installer_.TakeBackup(row.major, row.release), row.backups) << what;
+
+        EXPECT_EQ(telemetry_.servers.Requests("restore").size(), 1u) << what;
+        if (row.policy) {
+            EXPECT_EQ(ReadFileBytes(policyFile), row.policy) << what;
+        }
+        const std::vector<std::string> events = Events();
+        ASSERT_FALSE(events.empty()) << what;
+        EXPECT_EQ(
+            events[0],
+            "error: CKiteInstaller::SendRequestAndGetResponse Successfully downloaded the ini "
+            "with GetLastError:  0")
+            << what;
+        const bool keyRead =
+            row.policy &&
+            std::string(row.policy).find(std::to_string(row.major) + "=") != std::string::npos;
+        const std::vector<Lines> lines =
+            LinesOfScope(ReadMaskedLog(), "CKiteInstaller::TakeBackup");
+        ASSERT_EQ(lines.size(), 1u);
+        if (keyRead) {
+            EXPECT_TRUE(lines[0].empty()) << what;
+        } else {
+            ASSERT_EQ(lines[0].size(), 1u) << what;
+            const std::string failed =
+                "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with "
+                "GetLastError :  ";
+            EXPECT_EQ(lines[0][0].substr(0, failed.size()), failed) << what;
+            EXPECT_NE(lines[0][0].find_first_of("0123456789", failed.size()), std::string::npos)
+                << what;
+            EXPECT_EQ(events.back(), "error: " + lines[0][0]) << what;
+        }
+    }
+}
+
+// Another program holds the installed file open without sharing. A program file cannot even be
+// read for its backup copy; a data file cannot be renamed aside. Either way the command fails
+// before any copy and leaves no record. A running program's image, which Windows lets rename but
+// not overwrite, is renamed aside and replaced under Wine as well.
+TEST_F(CopyFilesTest, FilesHeldByOtherProgramsAsWineTreatsThem) {
+    struct Row {
+        const char* name;
+        std::vector<std::string> why;  // the events before the command's failure
+    };
+    const std::string dat = product_ / "held.dat";
+    const Row rows[] = {
+        {"held.dll",
+         {"error: KITE: CopyFile failed for held.dll with GetLastError: 32",
+          "error: KITE: Backup failed for held.dll"}},
+        {"held.dat",
+         {"error: KITE: CKiteInstaller:CopyFiles MoveFile failed for file " + dat + " for szBkp " +
+              product_ / "{GUID}" + " with GetLastError: 32",
+          "error: KITE: CKiteInstaller::CopyFiles: Something went wrong before invoking  "
+          "CopyFile_S for file " +
+              dat}},
+    };
+    const std::regex guid(R"(\{[0-9A-F-]{36}\})");
+    for (const Row& row : rows) {
+        telemetry_.servers.Clear();
+        telemetry_.servers.ServeConfiguration(
+            kitetest::CollectorConfiguration(telemetry_.servers.collector));
+        WriteFileBytes(package_ / row.name, "new");
+        WriteFileBytes(product_ / row.name, "old");
+        {
+            kitetest::HeldFile held(product_ / row.name);
+            EXPECT_EQ(Copy({{package_ / row.name, product_ / row.name, 0}}), 0) << row.name;
+        }
+        EXPECT_TRUE(installer_.journal().empty()) << row.name;
+        EXPECT_EQ(ReadFileBytes(product_ / row.name), "old") << row.name;
+        std::vector<std::string> expected = row.why;
+        expected.push_back(
+            "error: KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " +
+            product_ / row.name);
+        expected.push_back("error: KITE: CKiteInstaller::CopyFiles copied these files Failure");
+        expected.push_back("error: CKiteInstaller::CopyFiles Return: 0");
+        std::vector<std::string> events = Events();
+        for (std::string& event : events) event = std::regex_replace(event, guid, "{GUID}");
+        EXPECT_EQ(events, expected) << row.name;
+    }
+
+    kitetest::CopyFileTo(kitetest::HeldProgram::ProgramPath(), product_ / "tww.exe");
+    WriteFileBytes(package_ / "tww.exe", "new program");
+    kitetest::HeldProgram running;
+    running.Start(product_ / "tww.exe");
+    kite::CKiteInstaller installer;
+    installer.SetProductFolder(product_.path());
+    const kite::ptree manifest = kite::ParseManifest(
+        ManifestText(product_.path(), {{package_ / "tww.exe", product_ / "tww.exe", 0}}).c_str());
+    EXPECT_EQ(installer.CopyFiles(manifest.get_child("commands")), 1);
+    ASSERT_EQ(installer.journal().size(), 2u);
+    EXPECT_EQ(installer.journal()[0].action, 1);
+    EXPECT_EQ(installer.journal()[1].action, 3);
+    EXPECT_EQ(ReadFileBytes(product_ / "tww.exe"), "new program");
 }
 
 }  // namespace

@@ -79,6 +79,31 @@ int KiteServers::Connections(const std::string& server) const {
     return static_cast<int>(Files(std::string(kShare) + "\\connections", server + "-").size());
 }
 
+std::vector<ReceivedEvent> KiteServers::Events() const {
+    std::vector<ReceivedEvent> events;
+    for (const HttpRequest& request : Requests("collector")) {
+        ReceivedEvent event;
+        event.body = request.body;
+        event.isError = request.body.find("&messagetype=\"Error\"&") != std::string::npos;
+        const std::string head = event.isError ? "& ErrorMessage=\"" : "& TrackingMessage=\"";
+        const std::size_t start = request.body.find(head);
+        const std::size_t end = request.body.rfind("\"& SlipStream=\"");
+        if (start != std::string::npos && end != std::string::npos && end >= start + head.size()) {
+            event.message = request.body.substr(start + head.size(), end - start - head.size());
+        }
+        events.push_back(event);
+    }
+    return events;
+}
+
+std::vector<std::string> KiteServers::EventMessages() const {
+    std::vector<std::string> messages;
+    for (const ReceivedEvent& event : Events()) {
+        messages.push_back((event.isError ? "error: " : "info: ") + event.message);
+    }
+    return messages;
+}
+
 std::string CollectorConfiguration(const std::string& collector) {
     const std::string loc = "<loc>" + collector + "</loc>";
     return "<?xml version=\"1.0\"?>\r\n<SplunkConfig>\r\n"

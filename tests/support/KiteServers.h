@@ -16,6 +16,13 @@ struct HttpRequest {
     std::string body;
 };
 
+// One event as the collector received it: its kind and the message it carries.
+struct ReceivedEvent {
+    bool isError;
+    std::string message;
+    std::string body;
+};
+
 // While one lives, the registry points the library at the servers; every record and every piece
 // of content is cleared when it is made.
 class KiteServers {
@@ -35,6 +42,10 @@ class KiteServers {
     // What a server ("config", "restore", "collector") received, in arrival order.
     std::vector<HttpRequest> Requests(const std::string& server) const;
     int Connections(const std::string& server) const;
+    // The events the collector received, in arrival order.
+    std::vector<ReceivedEvent> Events() const;
+    // Only the messages, each prefixed "error: " or "info: ".
+    std::vector<std::string> EventMessages() const;
 
     RegistryValue configServer_;
     RegistryValue restoreServer_;

@@ -1,7 +1,7 @@
 #include "installer/KiteInstaller.h"
 #include "telemetry/TelemetryReporter.h"
 
-#include "support/KiteServers.h"
+#include "support/Telemetry.h"
 #include "support/PlatformOverride.h"
 
 #include <regex>
@@ -58,8 +58,7 @@ class DownloadNetworkTest : public kitetest::LogTest {
   public:
     DownloadNetworkTest() {
         servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
-        kite::TelemetryReporter::Instance() = kite::TelemetryReporter();
-        kite::TelemetryReporter::Instance().LoadConfiguration();
+        kitetest::ReloadTelemetry();
         platform_.calls().CoCreateInstance = CreateManager;
         platform_.calls().GetConnectivity = ReadConnectivity;
         platform_.calls().URLDownloadToFileA = Download;

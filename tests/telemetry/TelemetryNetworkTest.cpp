@@ -1,6 +1,6 @@
 #include "telemetry/TelemetryReporter.h"
 
-#include "support/KiteServers.h"
+#include "support/Telemetry.h"
 
 #include <regex>
 #include <set>
@@ -9,12 +9,7 @@ namespace {
 
 using kite::TelemetryReporter;
 
-// The process's reporter with a configuration fetched afresh, as on its first use.
-TelemetryReporter& Reload() {
-    TelemetryReporter::Instance() = TelemetryReporter();
-    TelemetryReporter::Instance().LoadConfiguration();
-    return TelemetryReporter::Instance();
-}
+using kitetest::ReloadTelemetry;
 
 // A POST as WinINet puts it on the wire: its own Host and Content-Length, then the module's
 // headers.
@@ -33,7 +28,7 @@ class TelemetryNetworkTest : public ::testing::Test {
 
 TEST_F(TelemetryNetworkTest, EventsReachTheCollectorAsComposed) {
     servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
-    TelemetryReporter& reporter = Reload();
+    TelemetryReporter& reporter = ReloadTelemetry();
     kitetest::TempFolder package("package");
     kitetest::WriteFileBytes(package / "BuildInfo.ini", "[BuildInfo]\r\nBuildNo=123\r\n");
     const std::string id = "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX";
@@ -86,7 +81,7 @@ TEST_F(TelemetryNetworkTest, EventsReachTheCollectorAsComposed) {
 
 TEST_F(TelemetryNetworkTest, EnvironmentPdsPostsToThePerfEndpoints) {
     servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
-    TelemetryReporter& reporter = Reload();
+    TelemetryReporter& reporter = ReloadTelemetry();
     struct Row {
         const char* environment;
         bool isError;
@@ -147,7 +142,7 @@ TEST_F(TelemetryNetworkTest, FetchedDocumentsDecideWhetherAnythingIsSent) {
     for (const Row& row : rows) {
         servers_.Clear();
         if (row.served != nullptr) servers_.ServeConfiguration(*row.served);
-        TelemetryReporter& reporter = Reload();
+        TelemetryReporter& reporter = ReloadTelemetry();
         EXPECT_TRUE(reporter.FetchConfiguration() == row.fetched) << row.what;
         EXPECT_EQ(servers_.Requests("config").back().raw,
                   "GET //http.tolvix//TWDT_Files//Splunk//SplunkConfig.xml HTTP/1.1\r\nAccept: "
@@ -160,7 +155,7 @@ TEST_F(TelemetryNetworkTest, FetchedDocumentsDecideWhetherAnythingIsSent) {
             << row.what;
     }
     servers_.configServer_.SetString("127.0.0.1:1");
-    TelemetryReporter& unreachable = Reload();
+    TelemetryReporter& unreachable = ReloadTelemetry();
     EXPECT_EQ(unreachable.FetchConfiguration(), "");
     EXPECT_FALSE(unreachable.ledEnabled || unreachable.trackEnabled);
     EXPECT_TRUE(unreachable.ReportEvent(0, "error", true));
