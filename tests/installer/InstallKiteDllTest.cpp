@@ -2,6 +2,7 @@
 
 #include "registration/RegistrationFixtures.h"
 #include "support/FolderState.h"
+#include "support/KiteServers.h"
 #include "support/LogLines.h"
 
 #include <regex>
@@ -23,6 +24,7 @@ struct Command {
 class InstallKiteTest : public kitetest::RegistrationTest {
   public:
     InstallKiteTest() {
+        servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
         kitetest::CreateFolders(product_);
         kitetest::CreateFolders(package_);
         kitetest::WriteFileBytes(product_ + "\\lib.dll", "installed library");
@@ -64,6 +66,20 @@ class InstallKiteTest : public kitetest::RegistrationTest {
         return state;
     }
 
+    // The installation's own events, without those of its copy and registration steps.
+    std::vector<std::string> InstallEvents() const {
+        std::vector<std::string> events;
+        for (const std::string& event : servers_.EventMessages()) {
+            if (event.find("Kite in CKiteInstaller::Install") != std::string::npos ||
+                event.find(": CKiteInstaller::Install ") != std::string::npos ||
+                event.find("Exceptions in CKiteInstaller::Install") != std::string::npos) {
+                events.push_back(event);
+            }
+        }
+        return events;
+    }
+
+    kitetest::KiteServers servers_;
     kitetest::KiteDll dll_;
     InstallKiteFn install_ = dll_.Get<InstallKiteFn>("InstallKite");
     std::string product_ = folder_ / "Tallowmere";
@@ -144,6 +160,8 @@ TEST_F(InstallKiteTest, FailureAtEachStepIsUndoneCompletely) {
         kitetest::RemoveTree(product_ + "\\CriticalFixes");
         kitetest::RemoveTree(product_ + "\\plugins");
         ClearLog();
+        servers_.Clear();
+        servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
 
         const ULONGLONG started = ::GetTickCount64();
         EXPECT_EQ(static_cast<unsigned long>(install_(Manifest().c_str())), 0x80004005UL)
@@ -162,6 +180,13 @@ TEST_F(InstallKiteTest, FailureAtEachStepIsUndoneCompletely) {
             << row.step;
         EXPECT_TRUE(kitetest::Exists(product_ + "\\CriticalFixes\\force_apply_kite.dat"))
             << row.step;
+        EXPECT_EQ(
+            InstallEvents(),
+            (std::vector<std::string>{
+                "info: Admin access to install Kite in CKiteInstaller::Install",
+                row.exception ? "error: Exceptions in CKiteInstaller::Install"
+                              : "error: CKiteInstaller::Install failed, proceeding for Abort "}))
+            << row.step;
         Lines trail = {"Admin = 1"};
         if (!row.exception)
             trail.push_back("CKiteInstaller::Install failed, proceeding for Abort ");
@@ -178,6 +203,44 @@ TEST_F(InstallKiteTest, ManifestThatCannotBeReadFailsBeforeTouchingAnything) {
     }
     EXPECT_EQ(static_cast<unsigned long>(install_(nullptr)), 0x80004005UL);
     EXPECT_EQ(kitetest::FolderState(product_), productBefore_);
+}
+
+// The release and major version of the product program go with every event: "tww.exe" when it
+// is there, else "tww32.exe"; without either the installation goes on without them. The facts
+// belong to the process-wide reporter, so the row without a program comes first, while they are
+// still unset.
+TEST_F(InstallKiteTest, EventsCarryTheVersionOfTheProductProgram) {
+    struct Row {
+        const char* program;    // fixture copied as tww.exe, or nullptr
+        const char* program32;  // fixture copied as tww32.exe, or nullptr
+        std::string facts;
+    };
+    const Row rows[] = {
+        {nullptr, nullptr, " SlipStream=\"\"& MajorVer=\"\"& KITEBuildNumber=\"\""},
+        {nullptr, "tw-program-4012.exe",
+         " SlipStream=\"4012\"& MajorVer=\"33\"& KITEBuildNumber=\"77\""},
+        {"tw-program-4013.exe", "tw-program-4012.exe",
+         " SlipStream=\"4013\"& MajorVer=\"33\"& KITEBuildNumber=\"77\""},
+    };
+    kitetest::WriteFileBytes(product_ + "\\BuildInfo.ini", "[BuildInfo]\r\nBuildNo=77\r\n");
+    commands_ = {{package_ + "\\lib.dll", product_ + "\\lib.dll", "0"}};
+    for (const Row& row : rows) {
+        ::DeleteFileA((product_ + "\\tww.exe").c_str());
+        ::DeleteFileA((product_ + "\\tww32.exe").c_str());
+        if (row.program) Copy(row.program, product_ + "\\tww.exe");
+        if (row.program32) Copy(row.program32, product_ + "\\tww32.exe");
+        servers_.Clear();
+        servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
+
+        EXPECT_EQ(install_(Manifest().c_str()), 0) << row.facts;
+
+        const std::vector<kitetest::ReceivedEvent> events = servers_.Events();
+        ASSERT_FALSE(events.empty()) << row.facts;
+        for (const kitetest::ReceivedEvent& event : events) {
+            const std::string tail = event.body.substr(event.body.rfind("& SlipStream=") + 1);
+            EXPECT_EQ(tail, row.facts) << event.message;
+        }
+    }
 }
 
 }  // namespace

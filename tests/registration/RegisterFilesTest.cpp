@@ -2,6 +2,7 @@
 
 #include "registration/RegistrationFixtures.h"
 #include "support/LogLines.h"
+#include "support/Telemetry.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ class RegisterFilesTest : public kitetest::RegistrationTest {
         return records;
     }
 
+    kitetest::TelemetryToCollector telemetry_;
     kite::CKiteInstaller installer_;
 };
 
@@ -44,6 +46,9 @@ TEST_F(RegisterFilesTest, EligibleCommandsAreRegisteredAndJournaledForUndo) {
         installer_ = kite::CKiteInstaller();
         installer_.SetFolderSupport(folderSupport);
         ClearLog();
+        telemetry_.servers.Clear();
+        telemetry_.servers.ServeConfiguration(
+            kitetest::CollectorConfiguration(telemetry_.servers.collector));
 
         EXPECT_EQ(Register({{a, 0}, {a, 5}, {b, 6}, {missing, 2}, {a, 2}, {b, 7}, {b, -1}}), 1);
 
@@ -58,6 +63,8 @@ TEST_F(RegisterFilesTest, EligibleCommandsAreRegisteredAndJournaledForUndo) {
         EXPECT_EQ(LinesOfScope(ReadMaskedLog(), "CKiteInstaller::RegisterFiles"),
                   std::vector<Lines>{{"CKiteInstaller::RegisterFiles Return: 1"}});
         EXPECT_EQ(LinesOfScope(ReadMaskedLog(), "RegisterServer").size(), folderSupport ? 3u : 1u);
+        EXPECT_EQ(telemetry_.servers.EventMessages(),
+                  std::vector<std::string>{"info: CKiteInstaller::RegisterFiles Return: 1"});
     }
 }
 
@@ -78,6 +85,11 @@ TEST_F(RegisterFilesTest, SecondOfThreeFailsAndTheThirdIsNeverTried) {
               (std::vector<Lines>{
                   {"CKiteInstaller::RegisterFiles Failed to register server for : " + second + " 0",
                    "CKiteInstaller::RegisterFiles Return: 0"}}));
+    EXPECT_EQ(
+        telemetry_.servers.EventMessages(),
+        (std::vector<std::string>{
+            "error: CKiteInstaller::RegisterFiles Failed to register server for : " + second + " 0",
+            "info: CKiteInstaller::RegisterFiles Return: 0"}));
     EXPECT_EQ(LinesOfScope(log, "RegisterServer"),
               (std::vector<Lines>{
                   {"File: " + first + " Register: 1ServerType: 2", "HRESULT = 0"},
