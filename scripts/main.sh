@@ -1,11 +1,8 @@
 #!/usr/bin/env bash
-# The main job: a sample Tallowmere installation and a critical-fix package in a Wine prefix of
-# their own, and kitehost asking KITEUpdate.dll what a host updater asks; then the library's
-# network side against loopback stand-ins for the product maker's servers (download server and
-# telemetry collector): the telemetry configuration it fetched, the download of the restore
-# policy, the events the collector received, and the log trail that all the calls left.
-# The installation's program and libraries are the build's product files at version
-# 33.0.4012.200 (release level 4, slipstream 12).
+# The main job: a real update of a sample Tallowmere installation in a Wine prefix of its own,
+# as a host updater runs it (kitehost update), against loopback stand-ins for the product maker's
+# download server and telemetry collector. A first package applies and is committed; a second
+# fails half-way and is undone. Then the log trail and the events the collector received.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KITE_BUILD_DIR:-$root/build}
@@ -19,66 +16,27 @@ trap 'bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$servers"
       bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"' EXIT
 bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$servers" "$build/bin"
 share=$WINEPREFIX/drive_c/kiteservers
+fixtures=$build/bin/fixtures
 
 drive_c=$WINEPREFIX/drive_c
 data='C:\ProgramData\Tolvix\TallowmereCommon'
-product='C:\Program Files\Tolvix\Tallowmere 33'
-installed="$drive_c/Program Files/Tolvix/Tallowmere 33"
-package='C:\KitePackages\CF33-12'
 log=$drive_c/ProgramData/Tolvix/TallowmereCommon/twupdate/log/CRITICALFIXES.LOG
+product='C:\Program Files\Tolvix\Tallowmere 27'
+installed="$drive_c/Program Files/Tolvix/Tallowmere 27"
+packages=$drive_c/KitePackages
 
-# The product's setup records its common data folder; the log lives below it.
-"$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v CommonFilesDataPath /t REG_SZ \
-    /d "$data" /f >/dev/null 2>&1
-mkdir -p "$(dirname "$log")" "$installed" "$drive_c/KitePackages/CF33-12"
-rm -f "$log" "$installed/CriticalFixes/force_apply_kite.dat"
-cp "$build/bin/fixtures/tw-program-4012.exe" "$installed/tww.exe"
-cp "$build/bin/fixtures/tw-library-4012.dll" "$installed/BASECORE.DLL"
-cp "$build/bin/fixtures/tw-library-4012.dll" "$installed/Options.DLL"
-printf '[KITEApplicability]\r\nSlipstreams=R10,R12\r\n' >"$drive_c/KitePackages/CF33-12/kite.ini"
-
-# Through a file, not a pipe: Wine's desktop process, started on a program's first COM call,
-# inherits the output and would hold a pipe open after kitehost ends.
-host() {
-    echo "> kitehost $*"
-    "$wine64" "$build/bin/kitehost.exe" "$@" >"$servers/host.out"
-    tr -d '\r' <"$servers/host.out" | sed 's/^/  /'
-}
-
-cat <<EOF
-KITEUpdate main job
-===================
-Product folder: $product  (tww.exe, BASECORE.DLL, Options.DLL at 33.0.4012.200)
-Package:        $package\\kite.ini  (Slipstreams=R10,R12)
-Log:            $data\\twupdate\\log\\CRITICALFIXES.LOG
-
-1. Which release level is installed? (the three product files must agree)
-EOF
-host slipstream "$product"
-
-echo
-echo "2. Does the package apply to the installed release level?"
-host applicable 12 "$package\\kite.ini"
-host applicable 11 "$package\\kite.ini"
-
-echo
-echo "3. Must the package be forced? (a failed installation leaves a marker)"
-host force "$product"
-mkdir -p "$installed/CriticalFixes"
-: >"$installed/CriticalFixes/force_apply_kite.dat"
-echo "  (an empty CriticalFixes\\force_apply_kite.dat is put in place)"
-host force "$product"
-
-# The download server and the collector on loopback addresses; the registry points the library
-# at them as it would at a mirror.
-address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
-collector=$(address collector)
-server_value() {
+reg_set() {
     "$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v "$1" /t REG_SZ /d "$2" /f \
         >/dev/null 2>&1
 }
-server_value KiteConfigServer "$(address config)"
-server_value KiteRestoreServer "$(address restore)"
+address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
+
+# The product's setup records its common data folder; the log lives below it. The registry
+# points the library at the download server as it would at a mirror.
+reg_set CommonFilesDataPath "$data"
+reg_set KiteConfigServer "$(address config)"
+reg_set KiteRestoreServer "$(address restore)"
+collector=$(address collector)
 cat >"$share/config/SplunkConfig.xml" <<XML
 <?xml version="1.0"?>
 <SplunkConfig>
@@ -86,34 +44,103 @@ cat >"$share/config/SplunkConfig.xml" <<XML
     <prod><loc>$collector</loc><endpoint>/services/collector/raw</endpoint><header>Authorization: Splunk demo-led-token</header></prod></LED>
   <Track><enable>true</enable><token>demo-track-token</token>
     <prod><loc>$collector</loc><endpoint>/services/collector/raw</endpoint><header>Authorization: Splunk demo-track-token</header></prod></Track>
-  <KILL_SWITCH>true</KILL_SWITCH>
 </SplunkConfig>
 XML
-printf '[Restore]\r\nTakeBackup=1\r\n' >"$share/restore/restorekite.ini"
-rm -f "$drive_c/KitePackages/CF33-12/restorekite.ini"
+printf '[takebackup]\r\n27=4100\r\n' >"$share/restore/restorekite.ini"
+"$wine64" reg delete 'HKLM\Software\KiteTest' /f >/dev/null 2>&1 || true
+
+# The sample installation at release 27.0.4008 (level 8), and two packages for it.
+rm -rf "$installed" "$packages" "$(dirname "$log")"
+mkdir -p "$installed" "$(dirname "$log")" "$packages/CF27-09" "$packages/CF27-10"
+cp "$fixtures/tw27-program-4008.exe" "$installed/tww.exe"
+cp "$fixtures/tw27-library-4008.dll" "$installed/BASECORE.DLL"
+cp "$fixtures/tw27-library-4008.dll" "$installed/Options.DLL"
+printf '[BuildInfo]\r\nBuildNo=2708\r\n' >"$installed/BuildInfo.ini"
+
+command() { # src in the package, dst in the product, server type
+    printf '  <command><src>%s</src><dst>%s\\%s</dst><register>%s</register></command>\n' \
+        "C:\\KitePackages\\$1" "$product" "$2" "$3"
+}
+package() { # name, applicable levels, commands...
+    local name=$1 levels=$2
+    shift 2
+    printf '[KITEApplicability]\r\nSlipstreams=%s\r\n' "$levels" >"$packages/$name/kite.ini"
+    { echo "<commands><appdir>$product</appdir>"; printf '%s' "$@"; echo "</commands>"; } \
+        >"$packages/$name/manifest.xml"
+}
+cp "$fixtures/tw27-program-4009.exe" "$packages/CF27-09/tww.exe"
+cp "$fixtures/tw27-library-4009.dll" "$packages/CF27-09/BASECORE.DLL"
+cp "$fixtures/tw27-library-4009.dll" "$packages/CF27-09/Options.DLL"
+cp "$fixtures/kitecom_ok.dll" "$packages/CF27-09/TwReports.dll"
+package CF27-09 R8 "$(command CF27-09\\tww.exe tww.exe 0)" \
+    "$(command CF27-09\\BASECORE.DLL BASECORE.DLL 0)" "$(command CF27-09\\Options.DLL Options.DLL 0)" \
+    "$(command CF27-09\\TwReports.dll 'Reports\TwReports.dll' 2)"
+printf 'fixed ledger totals\r\n' >"$packages/CF27-10/TwLedger.txt"
+package CF27-10 R9 "$(command CF27-10\\TwLedger.txt TwLedger.txt 0)" \
+    "$(command CF27-09\\Options.DLL Options.DLL 0)" \
+    "$(command CF27-10\\TwLedgerCore.dll TwLedgerCore.dll 0)"
+
+# Through a file, not a pipe: Wine's desktop process, started on a program's first COM call,
+# inherits the output and would hold a pipe open after kitehost ends.
+host() {
+    echo "> kitehost $*"
+    "$wine64" "$build/bin/kitehost.exe" "$@" >"$servers/host.out" || true
+    tr -d '\r' <"$servers/host.out" | sed 's/^/  /'
+}
+folder() {
+    (cd "$installed" && find . -type f | sort | sed 's|^\./||' | while read -r f; do
+        printf '    %-40s %6d bytes\n' "$f" "$(stat -c %s "$f")"
+    done)
+}
+registered() {
+    "$wine64" reg query 'HKLM\Software\KiteTest\Servers' 2>/dev/null | tr -d '\r' |
+        grep -i twreports | sed 's/^ */    registry: /' || echo "    registry: TwReports.dll not registered"
+}
+
+cat <<EOF
+KITEUpdate main job
+===================
+Sample installation: $product
+  tww.exe, BASECORE.DLL, Options.DLL at 27.0.4008.100 (release level 8)
+Download server: https://$(address config) (configuration), http://$(address restore) (restore policy)
+Collector:       https://$collector:443
+Log:             $data\\twupdate\\log\\CRITICALFIXES.LOG
+
+1. Package CF27-09 for release 8: the three product files at 4009 and a new COM server
+EOF
+host update 'C:\KitePackages\CF27-09'
+echo "  Product folder afterwards:"
+folder
+registered
+host slipstream "$product"
 
 echo
-echo "4. Is the product running from its folder? (it must not be while a fix is installed)"
-host instances "$product"
+echo "2. Package CF27-10 for release 9: its third file is missing, so it fails half-way"
+host update 'C:\KitePackages\CF27-10'
+echo "  Product folder after the undo (as before, plus the force-apply marker):"
+folder
+host force "$product"
 
 echo
-echo "5. The telemetry configuration the library fetches from the download server:"
-host telemetry
+echo "3. The installations' trail in CRITICALFIXES.LOG ($(wc -l <"$log") lines in all; the"
+echo "   driver, commit and undo scopes shown):"
+tr -d '\r' <"$log" | awk -v shown='Install$|Commit$|Abort$|DeleteFile_S$' '
+    / : Entering / { s = $0; sub(/.* : Entering /, "", s); stack[++depth] = s; if (s ~ shown) print "  " $0; next }
+    / : Exiting /  { if (stack[depth--] ~ shown) print "  " $0; next }
+    stack[depth] ~ shown { print "  " $0 }'
 
 echo
-echo "6. The backup step's download of the restore policy (connectivity check first):"
-host restore "$package\\restorekite.ini"
-echo "  downloaded content:"
-tr -d '\r' <"$drive_c/KitePackages/CF33-12/restorekite.ini" | sed 's/^/    /'
-
-echo
-echo "7. The events the collector received (HTTPS POST, as recorded byte for byte):"
+count=$(ls "$share"/requests/collector-*.http 2>/dev/null | wc -l)
+echo "4. The $count events the collector received (kind, message):"
 for request in "$share"/requests/collector-*.http; do
-    [ -e "$request" ] || { echo "  (none)"; break; }
-    tr -d '\r' <"$request" | sed 's/^/  /'
-    echo
+    [ -e "$request" ] || break
+    body=$(tr -d '\r' <"$request" | sed -n '/^$/,$p' | tail -n +2)
+    kind=$(sed -n 's/.*messagetype="\([A-Za-z]*\)".*/\1/p' <<<"$body")
+    message=$(sed -n 's/.*Message="\(.*\)"& SlipStream=.*/\1/p' <<<"$body")
+    printf '  %-5s %s\n' "$kind" "$message"
 done
-
 echo
-echo "8. The log trail these calls left in CRITICALFIXES.LOG:"
-tr -d '\r' <"$log" | sed 's/^/  /'
+echo "  The first of them as received, byte for byte:"
+first=$(ls "$share"/requests/collector-*.http | head -1)
+tr -d '\r' <"$first" | sed 's/^/    /'
+echo

@@ -51,7 +51,8 @@ std::size_t XmlNestingDepth(const std::string& text) {
         } else {
             bool selfClosing = false;
             i = EndOfTag(text, i + 1, &selfClosing);
-            if (!selfClosing && ++depth > deepest) deepest = depth;
+            if (depth + 1 > deepest) deepest = depth + 1;
+            if (!selfClosing) ++depth;
         }
         i = text.find('<', i);
     }

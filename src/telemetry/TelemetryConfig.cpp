@@ -1,40 +1,15 @@
 #include "telemetry/TelemetryConfig.h"
 
+#include "common/XmlDepth.h"
+
 #include <boost/property_tree/xml_parser.hpp>
 
-#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
 namespace kite {
 
 namespace {
-
-// Position just past the first `end` at or after `from`, or the end of the text.
-std::size_t SkipPast(const std::string& text, std::size_t from, const char* end) {
-    const std::size_t found = text.find(end, from);
-    return found == std::string::npos ? text.size() : found + std::strlen(end);
-}
-
-// Position just past the '>' that ends the tag starting at `from`, stepping over quoted values.
-std::size_t SkipTag(const std::string& text, std::size_t from) {
-    char quote = '\0';
-    for (std::size_t i = from; i < text.size(); ++i) {
-        const char c = text[i];
-        if (quote != '\0') {
-            if (c == quote) quote = '\0';
-        } else if (c == '"' || c == '\'') {
-            quote = c;
-        } else if (c == '>') {
-            return i + 1;
-        }
-    }
-    return text.size();
-}
-
-bool StartsAt(const std::string& text, std::size_t at, const char* prefix) {
-    return text.compare(at, std::strlen(prefix), prefix) == 0;
-}
 
 EndpointSet& SelectedSet(TelemetryConfig& config) {
     if (config.inLedSection) return config.inPerfSection ? config.ledPerf : config.ledProd;
@@ -76,35 +51,6 @@ void ApplyNamedElement(TelemetryConfig& config, const std::string& name, const s
 
 }  // namespace
 
-std::size_t ElementDepth(const std::string& text) {
-    std::size_t depth = 0;
-    std::size_t deepest = 0;
-    std::size_t i = 0;
-    while (i < text.size()) {
-        if (text[i] != '<') {
-            ++i;
-        } else if (StartsAt(text, i, "<!--")) {
-            i = SkipPast(text, i + 4, "-->");
-        } else if (StartsAt(text, i, "<![CDATA[")) {
-            i = SkipPast(text, i + 9, "]]>");
-        } else if (StartsAt(text, i, "<?")) {
-            i = SkipPast(text, i + 2, "?>");
-        } else if (StartsAt(text, i, "<!")) {
-            i = SkipTag(text, i + 2);
-        } else if (StartsAt(text, i, "</")) {
-            if (depth > 0) --depth;
-            i = SkipTag(text, i + 2);
-        } else {
-            const std::size_t end = SkipTag(text, i + 1);
-            const bool empty = end >= 2 && text[end - 1] == '>' && text[end - 2] == '/';
-            if (!empty && ++depth > deepest) deepest = depth;
-            if (empty && depth + 1 > deepest) deepest = depth + 1;
-            i = end;
-        }
-    }
-    return deepest;
-}
-
 void ApplyConfigElement(TelemetryConfig& config, const ConfigElement& element) {
     const std::string& name = element.first;
     if (name == "KILL_SWITCH") {
@@ -127,7 +73,8 @@ TelemetryConfig ApplyConfigurationText(TelemetryConfig config, const std::string
         return config;
     }
     try {
-        if (ElementDepth(document) > kMaxConfigDepth) throw std::runtime_error("nested too deep");
+        // Refused before parsing, as a document that fails to parse.
+        if (XmlNestingDepth(document) > kMaxXmlDepth) throw std::runtime_error("nested too deep");
         std::istringstream input(document);
         boost::property_tree::ptree tree;
         boost::property_tree::read_xml(input, tree, boost::property_tree::xml_parser::no_comments);

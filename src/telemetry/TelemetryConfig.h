@@ -39,16 +39,6 @@ struct TelemetryConfig {
 // One element of the parsed document: its name and its tree (text, attributes, children).
 using ConfigElement = boost::property_tree::ptree::value_type;
 
-// The parser and the walk recurse once per level of nesting; a document nested deeper than this
-// is refused before parsing, as one that fails to parse, so that no document can exhaust the
-// stack of the host's thread.
-constexpr std::size_t kMaxConfigDepth = 64;
-
-// The deepest element nesting of an XML text, counted without parsing it. Comments, CDATA,
-// declarations and quoted attribute values are stepped over, so the count never falls below what
-// a parser's recursion would reach.
-std::size_t ElementDepth(const std::string& text);
-
 // The pre-order walk of one element and its children, in document order.
 void ApplyConfigElement(TelemetryConfig& config, const ConfigElement& element);
 

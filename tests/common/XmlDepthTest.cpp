@@ -4,18 +4,18 @@
 
 namespace {
 
-TEST(XmlDepth, CountsOnlyElementsThatOpenALevel) {
+TEST(XmlDepth, CountsTheLevelsTheReaderDescends) {
     struct Row {
         std::string text;
         std::size_t depth;
     };
     const Row rows[] = {
         {"", 0},
-        {"<a/>", 0},
+        {"<a/>", 1},
         {"<a></a>", 1},
-        {"<?xml version=\"1.0\"?><!DOCTYPE a><a><b><c/></b><b>t</b></a>", 2},
+        {"<?xml version=\"1.0\"?><!DOCTYPE a><a><b><c/></b><b>t</b></a>", 3},
         {"<a><!-- <b><c> --><![CDATA[<d><e>]]></a>", 1},
-        {"<a x=\"1>2\" y='/>'><b/></a>", 1},
+        {"<a x=\"1>2\" y='/>'><b/></a>", 2},
         {"<a><b><c>", 3},
         {std::string(100000, 'x') + "<a>", 1},
     };

@@ -16,8 +16,9 @@ start)
         "$wineserver" -w
     fi
     # One server for the whole run, started with its output detached so that no test's output
-    # pipe is held open by it (CTest waits for those pipes to close).
-    "$wineserver" -p </dev/null >/dev/null 2>&1
+    # pipe is held open by it (CTest waits for those pipes to close). One that already runs for
+    # this prefix (an earlier run that was cut short) serves as well.
+    "$wineserver" -p </dev/null >/dev/null 2>&1 || true
     "$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v CommonFilesDataPath /t REG_SZ \
         /d 'C:\kitetest\commondata' /f </dev/null >/dev/null 2>&1
     mkdir -p "$WINEPREFIX/drive_c/kitetest/commondata/twupdate/log"

@@ -1,5 +1,7 @@
 #include "telemetry/TelemetryConfig.h"
 
+#include "common/XmlDepth.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
@@ -74,12 +76,12 @@ TEST(TelemetryConfig, DocumentsAreReadByElementNamesAndCursors) {
          std::string("<c><LED><enable>no</enable></LED></c>\0<Track>", 45),
          "led 0 old [||][||]; track 1 old [||][||]; kill 0"},
         {"nesting at the limit",
-         Nested(kite::kMaxConfigDepth - 2, "<a>", "<LED><enable>no</enable></LED>"),
+         Nested(kite::kMaxXmlDepth - 2, "<a>", "<LED><enable>no</enable></LED>"),
          "led 0 old [||][||]; track 1 old [||][||]; kill 0"},
         {"nesting one past the limit",
-         Nested(kite::kMaxConfigDepth - 1, "<a>", "<LED><enable>no</enable></LED>"), failed},
+         Nested(kite::kMaxXmlDepth - 1, "<a>", "<LED><enable>no</enable></LED>"), failed},
         {"nesting hidden in attribute values counts",
-         Nested(kite::kMaxConfigDepth, "<a x=\"/>\">", "<LED/>"), failed},
+         Nested(kite::kMaxXmlDepth, "<a x=\"/>\">", "<LED/>"), failed},
         {"100,000 levels", Nested(100000, "<a>", ""), failed},
         {"several megabytes", megabytes, "led 0 old [||][||]; track 1 old [||][||]; kill 0"},
     };

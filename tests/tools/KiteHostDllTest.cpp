@@ -1,3 +1,5 @@
+#include "support/FolderState.h"
+#include "support/KiteServers.h"
 #include "support/KiteTest.h"
 
 namespace {
@@ -88,6 +90,82 @@ TEST_F(KiteHostTest, RefusesUnknownCommandsAndAMissingDll) {
     const kitetest::ProcessResult missing = Host("--dll C:\\nowhere\\KITEUpdate.dll force C:\\x");
     EXPECT_EQ(missing.exitCode, 3u);
     EXPECT_NE(missing.output.find("cannot load C:\\nowhere\\KITEUpdate.dll"), std::string::npos);
+}
+
+// A sample installation at release 12 and a package for it: kite.ini and manifest.xml.
+class KiteHostUpdateTest : public KiteHostTest {
+  public:
+    KiteHostUpdateTest() {
+        servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
+        kitetest::CopyFileTo(kitetest::FixturePath("tw-program-4012.exe"), product_ / "tww.exe");
+        kitetest::CopyFileTo(kitetest::FixturePath("tw-library-4012.dll"),
+                             product_ / "BASECORE.DLL");
+        kitetest::CopyFileTo(kitetest::FixturePath("tw-library-4012.dll"),
+                             product_ / "Options.DLL");
+        kitetest::WriteFileBytes(product_ / "lib.dll", "old library");
+        kitetest::WriteFileBytes(package_ / "lib.dll", "new library");
+        kitetest::WriteFileBytes(package_ / "notes.txt", "new notes");
+        kitetest::WriteFileBytes(package_ / "kite.ini",
+                                 "[KITEApplicability]\r\nSlipstreams=R11,R12\r\n");
+        kitetest::WriteFileBytes(package_ / "manifest.xml",
+                                 "<commands><appdir>" + product_.path() + "</appdir>" +
+                                     Command("lib.dll") + Command("notes.txt") + "</commands>");
+    }
+
+    std::string Command(const std::string& name) {
+        return "<command><src>" + package_ / name + "</src><dst>" + product_ / name +
+               "</dst><register>0</register></command>";
+    }
+
+    kitetest::KiteServers servers_;
+    kitetest::TempFolder product_{"Tallowmere"};
+    kitetest::TempFolder package_{"package"};
+};
+
+TEST_F(KiteHostUpdateTest, InstallsAnApplicablePackageAndReports) {
+    const kitetest::ProcessResult result = Host("update " + Quote(package_.path()));
+
+    EXPECT_EQ(result.exitCode, 0u) << result.output;
+    EXPECT_EQ(result.output,
+              "Update of " + product_.path() + "\r\n  from package " + package_.path() +
+                  "\r\n"
+                  "  release level (GetTwSlipstream2) ............ 12\r\n"
+                  "  package applies (IsKITEApplicable) .......... yes\r\n"
+                  "  force marker (IsKITEToBeForceApplied) ....... no\r\n"
+                  "  running product programs (GetCountOfTwInstances) 0\r\n"
+                  "  InstallKite ................................. 0x00000000, installed: every "
+                  "file placed and registered, the change committed\r\n"
+                  "    replaced  " +
+                  product_ / "lib.dll" +
+                  "\r\n"
+                  "    added     " +
+                  product_ / "notes.txt" +
+                  "\r\n"
+                  "  log: " +
+                  LogPath() + "\r\n");
+    EXPECT_EQ(kitetest::ReadFileBytes(product_ / "lib.dll"), "new library");
+    EXPECT_EQ(kitetest::ReadFileBytes(product_ / "notes.txt"), "new notes");
+}
+
+// The product runs from its folder: the host refuses before anything is touched.
+TEST_F(KiteHostUpdateTest, RefusesWhileTheProductRunsAndTouchesNothing) {
+    kitetest::CreateFolders(product_ / "CriticalFixes");
+    kitetest::WriteFileBytes(product_ / "CriticalFixes\\force_apply_kite.dat", "");
+    kitetest::CopyFileTo(kitetest::HeldProgram::ProgramPath(), product_ / "tww.exe");
+    kitetest::HeldProgram running;
+    running.Start(product_ / "tww.exe");
+    const std::map<std::string, std::string> before = kitetest::FolderState(product_.path());
+
+    const kitetest::ProcessResult result = Host("update " + Quote(package_.path()));
+
+    EXPECT_EQ(result.exitCode, 4u) << result.output;
+    EXPECT_NE(result.output.find("  force marker (IsKITEToBeForceApplied) ....... yes\r\n"
+                                 "  running product programs (GetCountOfTwInstances) 1\r\n"
+                                 "Refused: the product is running from this folder."),
+              std::string::npos)
+        << result.output;
+    EXPECT_EQ(kitetest::FolderState(product_.path()), before);
+    EXPECT_EQ(ReadLog().find("CKiteInstaller::Install"), std::string::npos);
 }
 
 }  // namespace
