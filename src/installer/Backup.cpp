@@ -39,8 +39,7 @@ int RestorePolicyAnswer(ScopeLog& log, const char* policy, unsigned int majorVer
             "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with "
             "GetLastError :  " +
             std::to_string(::GetLastError());
-        log << text << std::endl;
-        ReportError(text);
+        TraceAndReport(log, text, true);
         return -1;
     }
     return TextToInt(value) <= static_cast<int>(release) ? 0 : -1;
@@ -59,8 +58,7 @@ int CKiteInstaller::TakeBackup(unsigned int majorVersion, unsigned int release) 
                 "CKiteInstaller::TakeBackup Failed to delete restorekite.ini files with "
                 "GetLastError :  " +
                 std::to_string(::GetLastError());
-            log << text << std::endl;
-            ReportError(text);
+            TraceAndReport(log, text, true);
         }
         answer = RestorePolicyAnswer(log, policy, majorVersion, release);
     }

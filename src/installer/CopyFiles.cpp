@@ -124,16 +124,14 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
                 "KITE: CKiteInstaller::CopyFiles: Something went wrong before invoking  "
                 "CopyFile_S for file " +
                 command.dst;
-            log << text << std::endl;
-            ReportError(text);
+            TraceAndReport(log, text, true);
             ok = false;
         }
         if (ok) ok = CopyWithRetries(*this, log, command.src, command.dst) != 0;
         if (!ok) {
             const std::string text =
                 "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + command.dst;
-            log << text << std::endl;
-            ReportError(text);
+            TraceAndReport(log, text, true);
             result = 0;
             break;
         }
@@ -143,11 +141,8 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
     }
 
     copied += result ? " Success" : " Failure";
-    void (*report)(const std::string&) = result ? ReportInfo : ReportError;
-    report(copied);
-    const std::string returned = "CKiteInstaller::CopyFiles Return: " + std::to_string(result);
-    log << returned << std::endl;
-    report(returned);
+    (result ? ReportInfo : ReportError)(copied);
+    TraceAndReport(log, "CKiteInstaller::CopyFiles Return: " + std::to_string(result), result == 0);
     return result;
 }
 

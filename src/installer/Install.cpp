@@ -8,16 +8,6 @@
 
 namespace kite {
 
-namespace {
-
-// Both channels: the update log and a telemetry event.
-void Trace(std::ostream& log, const char* text, bool isError) {
-    log << text << std::endl;
-    TelemetryReporter::Instance().ReportEvent(0, text, isError);
-}
-
-}  // namespace
-
 // The installed release and major version go with every event of this installation.
 void CKiteInstaller::ReportVersionFacts() const {
     DWORD major = 0;
@@ -48,8 +38,9 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
         if (folderSupport) {
             folderSupport_ = *folderSupport == "1";
             // Reported whenever the switch is present, whatever its text.
-            Trace(log, "CKiteInstaller::Install code to support new folder structure is enabled",
-                  false);
+            TraceAndReport(
+                log, "CKiteInstaller::Install code to support new folder structure is enabled",
+                false);
         }
         if (const boost::optional<const ptree&> commands =
                 manifest.get_child_optional("commands")) {
@@ -62,9 +53,9 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
             if (CopyFiles(*commands) && RegisterFiles(*commands)) {
                 Commit();
                 result = S_OK;
-                Trace(log, "CKiteInstaller::Install successful", false);
+                TraceAndReport(log, "CKiteInstaller::Install successful", false);
             } else {
-                Trace(log, "CKiteInstaller::Install failed, proceeding for Abort ", true);
+                TraceAndReport(log, "CKiteInstaller::Install failed, proceeding for Abort ", true);
                 Abort();
             }
         }

@@ -20,7 +20,8 @@ namespace {
 void CreateEmptyMarker(const std::string& marker) {
     const std::string::size_type slash = marker.rfind('\\');
     if (slash != std::string::npos) {
-        Platform().SHCreateDirectory(nullptr, WidenText(marker.substr(0, slash), CP_THREAD_ACP).c_str());
+        Platform().SHCreateDirectory(nullptr,
+                                     WidenText(marker.substr(0, slash), CP_THREAD_ACP).c_str());
     }
     UniqueHandle file(::CreateFileA(marker.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr,
                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));

@@ -30,12 +30,9 @@ int CKiteInstaller::RegisterFiles(const ptree& commands) {
         const std::string text =
             "CKiteInstaller::RegisterFiles Failed to register server for : " + failed + " " +
             std::to_string(ok);
-        log << text << std::endl;
-        ReportError(text);
+        TraceAndReport(log, text, true);
     }
-    const std::string returned = "CKiteInstaller::RegisterFiles Return: " + std::to_string(ok);
-    log << returned << std::endl;
-    ReportInfo(returned);
+    TraceAndReport(log, "CKiteInstaller::RegisterFiles Return: " + std::to_string(ok), false);
     return ok;
 }
 
@@ -44,11 +41,12 @@ HRESULT CKiteInstaller::RegisterServer(const std::string& path, int reg, int ser
     log << "File: " << path << " Register: " << reg << "ServerType: " << serverType << std::endl;
     if (serverType < 1) return 0;
     // An unmappable type or file throws through to the installation's handler, which undoes it.
-    const HRESULT hr = [&] {
-        std::unique_ptr<IComServer> server =
+    HRESULT hr = E_FAIL;
+    {
+        const std::unique_ptr<IComServer> server =
             CreateComServer(path, static_cast<unsigned int>(serverType), folderSupport_);
-        return reg != 0 ? server->Register() : server->Unregister();
-    }();
+        hr = reg != 0 ? server->Register() : server->Unregister();
+    }
     log << "HRESULT = " << std::hex << static_cast<unsigned long>(hr) << std::endl;
     return hr;
 }
