@@ -37,6 +37,17 @@ typedef int (*GetTwSlipstream2Fn)(const char* installFolder);
 long InstallKite(const char* manifestXml);
 typedef long (*InstallKiteFn)(const char* manifestXml);
 
+/* Ordinal 7: settles an installation of the product folder that was cut short (the host died,
+ * the power failed). While InstallKite runs, its journal is written ahead to
+ * "<folder>\CriticalFixes\kite_journal.dat"; RecoverKite reads it and undoes what is pending, as
+ * a failed installation is undone (so the force-apply marker is left and the host forces the fix
+ * next time), or finishes the commit when it had begun. InstallKite does the same for its product
+ * folder before it starts. Returns 0 when nothing was pending, 1 when an installation was undone,
+ * 2 when its commit was finished, and an HRESULT failure when the journal cannot be read (or the
+ * folder is null). */
+long RecoverKite(const char* productFolder);
+typedef long (*RecoverKiteFn)(const char* productFolder);
+
 /* Ordinal 6: 1 when "<folder>\CriticalFixes\force_apply_kite.dat" exists, else 0. */
 int IsKITEToBeForceApplied(const char* folder);
 typedef int (*IsKITEToBeForceAppliedFn)(const char* folder);

@@ -36,6 +36,8 @@ PlatformCalls RealPlatform() {
     calls.GetModuleFileNameExA = ::GetModuleFileNameExA;
     calls.MoveFileA = ::MoveFileA;
     calls.CopyFileA = ::CopyFileA;
+    calls.WriteFile = ::WriteFile;
+    calls.FlushFileBuffers = ::FlushFileBuffers;
     calls.DeleteFileA = ::DeleteFileA;
     calls.MoveFileExA = ::MoveFileExA;
     calls.SHCreateDirectory = ::SHCreateDirectory;

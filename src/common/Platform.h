@@ -22,6 +22,9 @@ struct PlatformCalls {
     decltype(&::CreateProcessA) CreateProcessA;
     decltype(&::MoveFileA) MoveFileA;
     decltype(&::CopyFileA) CopyFileA;
+    // The installation's journal file.
+    decltype(&::WriteFile) WriteFile;
+    decltype(&::FlushFileBuffers) FlushFileBuffers;
     decltype(&::DeleteFileA) DeleteFileA;
     decltype(&::MoveFileExA) MoveFileExA;
     decltype(&::SHCreateDirectory) SHCreateDirectory;

@@ -48,11 +48,17 @@ bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& ds
     rememberedName = dst.substr(slash);
     char aside[260];
     FormatBounded(aside, "%s\\%s", dst.substr(0, slash).c_str(), guid.c_str());
+    const ActionRecord reregister{dst, std::to_string(serverType), kRegisterAgain};
+    const ActionRecord renamed{dst, aside, kRenamedAside};
+    if (serverType > 0) installer.durable.Intend(reregister);
+    installer.durable.Intend(renamed);
     log << "Rename: " << dst << " => " << aside;
     const BOOL moved = Platform().MoveFileA(dst.c_str(), aside);
     const DWORD error = ::GetLastError();
     log << ", Return = " << moved << std::endl;
     if (!moved) {
+        installer.durable.Settled(renamed);
+        if (serverType > 0) installer.durable.Settled(reregister);
         ReportError("KITE: CKiteInstaller:CopyFiles MoveFile failed for file " + dst +
                     " for szBkp " + aside + " with GetLastError: " + std::to_string(error));
         return false;
@@ -68,6 +74,8 @@ bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& ds
 // program is often released within seconds.
 int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string& src,
                     const std::string& dst) {
+    const ActionRecord placed{dst, "", kFilePlaced};
+    installer.durable.Intend(placed);
     if (installer.CopyFile_S(src, dst)) {
         installer.RecordAction(dst, "", kFilePlaced);
         return 1;
@@ -84,6 +92,7 @@ int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string&
         log << "CopyFile_s for file " << src << " to destination " << dst << "failed in attempt  "
             << attempt << std::endl;
     }
+    installer.durable.Settled(placed);
     ReportError("KITE: CopyFile_S failed for all the 3 attempts.");
     return 0;
 }

@@ -6,6 +6,8 @@
 #include "installer/Events.h"
 #include "log/ScopeLog.h"
 
+#include <io.h>
+
 namespace kite {
 
 // The installed release and major version go with every event of this installation.
@@ -33,6 +35,12 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
             return E_ACCESSDENIED;
         }
         ReportInfo("Admin access to install Kite in CKiteInstaller::Install");
+        // An installation of this folder that was cut short is settled before this one starts.
+        if (_access(JournalPath(productFolder_).c_str(), 0) == 0) {
+            CKiteInstaller interrupted;
+            interrupted.SetProductFolder(productFolder_);
+            interrupted.Recover();
+        }
         const boost::optional<std::string> folderSupport =
             manifest.get_optional<std::string>("commands.enableCodeForKITEFolderSupport");
         if (folderSupport) {
@@ -49,6 +57,8 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
             char marker[260];
             FormatBounded(marker, "%s\\CriticalFixes\\force_apply_kite.dat",
                           productFolder_.c_str());
+            durable.Begin(productFolder_, folderSupport_);
+            durable.Intend(ActionRecord{marker, "", kForceMarker});
             RecordAction(marker, "", kForceMarker);
             if (CopyFiles(*commands) && RegisterFiles(*commands)) {
                 Commit();
@@ -69,6 +79,21 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
 }
 
 }  // namespace kite
+
+extern "C" HRESULT RecoverKite(const char* productFolder) {
+    try {
+        if (productFolder == nullptr) {
+            kite::ScopeLog log("RecoverKite");
+            log << "Invalid argument: product folder is null" << std::endl;
+            return E_INVALIDARG;
+        }
+        kite::CKiteInstaller installer;
+        installer.SetProductFolder(productFolder);
+        return installer.Recover();
+    } catch (...) {
+        return E_FAIL;
+    }
+}
 
 extern "C" HRESULT InstallKite(const char* manifest) {
     try {

@@ -2,6 +2,7 @@
 // product folder and the folder-support flag; Commit or Abort consumes the journal.
 #pragma once
 
+#include "installer/DurableJournal.h"
 #include "installer/Manifest.h"
 
 #include <windows.h>
@@ -59,6 +60,10 @@ class CKiteInstaller {
 
     // One whole installation, and its settlement.
     HRESULT Install(const char* manifestText);
+    // Settles an installation of the product folder that was interrupted: 0 when none was
+    // pending, 1 when it was undone, 2 when its commit was finished, or a failure status when its
+    // journal file cannot be read.
+    HRESULT Recover();
     void Commit();
     void Abort();
     void DeleteFile_S(const std::string& path);
@@ -71,7 +76,13 @@ class CKiteInstaller {
     std::string ProductExecutable() const;
     void ReportVersionFacts() const;
     void Undo(std::ostream& log, const ActionRecord& record);
+    void Forward(const ActionRecord& record);
 
+  public:
+    // The write-ahead copy of the journal while an installation runs.
+    DurableJournal durable;
+
+  private:
     std::deque<ActionRecord> journal_;
     std::string productFolder_;
     bool folderSupport_ = false;

@@ -6,6 +6,7 @@
 #include "common/Handles.h"
 #include "common/Platform.h"
 #include "common/Text.h"
+#include "installer/Events.h"
 #include "log/ScopeLog.h"
 
 #include <shlobj.h>
@@ -14,6 +15,16 @@
 namespace kite {
 
 namespace {
+
+bool ReadAll(HANDLE file, std::string& text) {
+    char chunk[4096];
+    DWORD read = 0;
+    while (::ReadFile(file, chunk, sizeof chunk, &read, nullptr)) {
+        if (read == 0) return true;
+        text.append(chunk, read);
+    }
+    return false;
+}
 
 // The marker's folder may not exist yet (no backup copy was made); without it the order to
 // force the fix next time would be lost.
@@ -31,12 +42,18 @@ void CreateEmptyMarker(const std::string& marker) {
 
 void CKiteInstaller::Commit() {
     ScopeLog log("CKiteInstaller::Commit");
+    // From here on the installation only goes forward: the old files are about to go.
+    durable.Committing();
     while (!journal_.empty()) {
-        const ActionRecord& record = journal_.back();
-        if (record.action == kRenamedAside) DeleteFile_S(record.destination);
-        if (record.action == kForceMarker) DeleteFile_S(record.source);
+        Forward(journal_.back());
         journal_.pop_back();
     }
+    durable.Finish();
+}
+
+void CKiteInstaller::Forward(const ActionRecord& record) {
+    if (record.action == kRenamedAside) DeleteFile_S(record.destination);
+    if (record.action == kForceMarker) DeleteFile_S(record.source);
 }
 
 void CKiteInstaller::Abort() {
@@ -51,7 +68,49 @@ void CKiteInstaller::Abort() {
             log << "Undo of action " << record.action << " for " << record.source
                 << " failed: " << error.what() << std::endl;
         }
+        durable.Settled(record);
     }
+    durable.Finish();
+}
+
+HRESULT CKiteInstaller::Recover() {
+    ScopeLog log("RecoverKite");
+    const std::string path = JournalPath(productFolder_);
+    log << "Journal: " << path << std::endl;
+    std::string text;
+    {
+        UniqueHandle file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        const DWORD error = ::GetLastError();
+        if (!file && (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)) {
+            log << "Return = 0" << std::endl;
+            return 0;
+        }
+        if (!file || !ReadAll(file.get(), text)) {
+            const HRESULT failed = HRESULT_FROM_WIN32(file ? ::GetLastError() : error);
+            log << "Journal cannot be read. Return = " << std::hex
+                << static_cast<unsigned long>(failed) << std::endl;
+            return failed;
+        }
+    }
+    const PendingJournal pending = ReadJournalText(text);
+    log << "Pending records: " << pending.records.size()
+        << (pending.committing ? ", commit begun" : "") << std::endl;
+    folderSupport_ = pending.folderSupport;
+    journal_.assign(pending.records.begin(), pending.records.end());
+    durable.Resume(productFolder_, pending.createdFolder);
+    HRESULT result = 1;
+    if (pending.committing) {
+        Commit();
+        result = 2;
+        ReportError("KITE: RecoverKite finished the commit of an interrupted installation in " +
+                    productFolder_);
+    } else {
+        Abort();
+        ReportError("KITE: RecoverKite undid an interrupted installation in " + productFolder_);
+    }
+    log << "Return = " << result << std::endl;
+    return result;
 }
 
 void CKiteInstaller::Undo(std::ostream& log, const ActionRecord& record) {

@@ -18,7 +18,10 @@ int CKiteInstaller::RegisterFiles(const ptree& commands) {
         const std::string dst = child.second.get<std::string>("dst");
         const int serverType = child.second.get<int>("register");
         if (_access(dst.c_str(), 0) != 0 || serverType < 1 || serverType > highestType) continue;
+        const ActionRecord registered{dst, std::to_string(serverType), kUnregisterAgain};
+        durable.Intend(registered);
         if (RegisterServer(dst, 1, serverType) != 0) {
+            durable.Settled(registered);
             ok = 0;
             failed = dst;
             break;

@@ -9,7 +9,8 @@ expected_exports="1 GetCountOfTwInstances
 3 GetTwSlipstream2
 4 InstallKite
 5 IsKITEApplicable
-6 IsKITEToBeForceApplied"
+6 IsKITEToBeForceApplied
+7 RecoverKite"
 system_dlls="ADVAPI32.dll KERNEL32.dll msvcrt.dll ole32.dll OLEAUT32.dll SHELL32.dll USER32.dll
 VERSION.dll WININET.dll urlmon.dll SHLWAPI.dll"
 

@@ -129,6 +129,7 @@ TEST_F(KiteHostUpdateTest, InstallsAnApplicablePackageAndReports) {
     EXPECT_EQ(result.output,
               "Update of " + product_.path() + "\r\n  from package " + package_.path() +
                   "\r\n"
+                  "  interrupted installation (RecoverKite) ...... none\r\n"
                   "  release level (GetTwSlipstream2) ............ 12\r\n"
                   "  package applies (IsKITEApplicable) .......... yes\r\n"
                   "  force marker (IsKITEToBeForceApplied) ....... no\r\n"

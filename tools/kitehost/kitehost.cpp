@@ -190,6 +190,16 @@ const char* ResultInWords(long result) {
 // What a host updater does with a package folder holding kite.ini and manifest.xml: find the
 // installed release, decide whether the package applies or must be forced, make sure that the
 // product is not running, then install.
+int RunRecover(HMODULE dll, const Args& args) {
+    const long result = Export<RecoverKiteFn>(dll, "RecoverKite")(args[0].c_str());
+    std::printf("RecoverKite(%s) = %ld (%s)\n", args[0].c_str(), result,
+                result == 0   ? "no interrupted installation"
+                : result == 1 ? "an interrupted installation was undone; the fix will be forced"
+                : result == 2 ? "an interrupted installation's commit was finished"
+                              : "the journal of an interrupted installation cannot be read");
+    return result < 0 ? 5 : 0;
+}
+
 int RunUpdate(HMODULE dll, const Args& args) {
     const std::string package = args[0];
     std::ifstream in(package + "\\manifest.xml", std::ios::binary);
@@ -211,6 +221,13 @@ int RunUpdate(HMODULE dll, const Args& args) {
         return 2;
     }
     std::printf("Update of %s\n  from package %s\n", product.c_str(), package.c_str());
+    // An installation that a crash cut short is settled before anything is asked.
+    const long recovered = Export<RecoverKiteFn>(dll, "RecoverKite")(product.c_str());
+    std::printf("  interrupted installation (RecoverKite) ...... %s\n", recovered == 0   ? "none"
+                                                                        : recovered == 1 ? "undone"
+                                                                        : recovered == 2
+                                                                            ? "commit finished"
+                                                                            : "journal unreadable");
 
     const int level = Export<GetTwSlipstream2Fn>(dll, "GetTwSlipstream2")(product.c_str());
     std::printf("  release level (GetTwSlipstream2) ............ %d\n", level);
@@ -263,6 +280,7 @@ const Command kCommands[] = {
      false, RunRestore},
     {"event", "event error|info <message>  (linked library) report one telemetry event", 2, 2,
      false, RunEvent},
+    {"recover", "recover <product folder>", 1, 1, true, RunRecover},
     {"update", "update <package folder>  (holding kite.ini and manifest.xml)", 1, 1, true,
      RunUpdate},
 };
