@@ -109,7 +109,10 @@ TEST_F(InstallKiteTest, CommittedInstallationPlacesEveryFileAndLeavesNoTrace) {
     expected["plugins\\srv2.dll"] = kitetest::ReadFileBytes(package_ + "\\srv2.dll");
     EXPECT_EQ(ProductFiles(), expected);
     EXPECT_FALSE(kitetest::Exists(marker));
-    EXPECT_EQ(kitetest::ReadFileBytes(product_ + "\\CriticalFixes\\lib.dll"), "installed library");
+    EXPECT_EQ(
+        kitetest::FolderState(product_ + "\\CriticalFixes"),
+        (State{{"lib.dll", "installed library"},
+               {"srv.dll", kitetest::ReadFileBytes(kitetest::FixturePath("kitecom_ok.dll"))}}));
     EXPECT_TRUE(Registered("srv2.dll"));
     EXPECT_EQ(
         LinesOfScope(ReadMaskedLog(), "CKiteInstaller::Install"),
@@ -180,6 +183,7 @@ TEST_F(InstallKiteTest, FailureAtEachStepIsUndoneCompletely) {
             << row.step;
         EXPECT_TRUE(kitetest::Exists(product_ + "\\CriticalFixes\\force_apply_kite.dat"))
             << row.step;
+        EXPECT_FALSE(kitetest::Exists(product_ + "\\CriticalFixes\\kite_journal.dat")) << row.step;
         EXPECT_EQ(
             InstallEvents(),
             (std::vector<std::string>{
