@@ -58,6 +58,24 @@ struct FaultyEntry<R (*)(A...), member> {
         saved = kite::Platform().*member;
         kite::Platform().*member = &Call;
     }
+
+    // Every call fails with the error and answer given: for an operation that is only reached
+    // when another one fails (scheduling a deletion, registering in-process).
+    static inline DWORD alwaysError = 0;
+    static inline long long alwaysFailure = 0;
+    static R FailEveryCall(A...) {
+        ::SetLastError(alwaysError);
+        if constexpr (std::is_pointer_v<R>) {
+            return nullptr;
+        } else {
+            return static_cast<R>(alwaysFailure);
+        }
+    }
+    static void ArmEveryCallFailing(DWORD error, long long failure) {
+        alwaysError = error;
+        alwaysFailure = failure;
+        kite::Platform().*member = &FailEveryCall;
+    }
 };
 
 // One operation of the table as the driver sees it.
@@ -66,13 +84,20 @@ struct FaultPoint {
     void (*arm)();
     DWORD error;
     long long failure;  // BOOL entries FALSE, HRESULT entries HRESULT_FROM_WIN32(error), ...
+    // For an operation reached only when another fails: makes every call of that one fail.
+    void (*precondition)() = nullptr;
+    const char* preconditionText = nullptr;
+    // The operation is only called while an installation is settled (committed or undone).
+    bool settlementOnly = false;
 };
 
-#define KITE_FAULT_POINT(entry, error, failure)                                  \
-    ::kitetest::FaultPoint {                                                     \
-#entry, &::kitetest::FaultyEntry < decltype(kite::PlatformCalls::entry), \
-            &kite::PlatformCalls::entry> ::Arm, static_cast < DWORD>(error),     \
-            static_cast < long long>(failure)                                    \
-    }
+// clang-format off
+#define KITE_FAULT_POINT(entry, error, failure, ...)                                              \
+    ::kitetest::FaultPoint{                                                                       \
+        #entry,                                                                                   \
+        &::kitetest::FaultyEntry<decltype(kite::PlatformCalls::entry),                            \
+                                 &kite::PlatformCalls::entry>::Arm,                               \
+        static_cast<DWORD>(error), static_cast<long long>(failure), __VA_ARGS__}
+// clang-format on
 
 }  // namespace kitetest

@@ -33,6 +33,19 @@ constexpr long long kHresultOf(DWORD error) { return static_cast<long>(HRESULT_F
 // Where the run was when the fault struck, read from the log that the installation writes.
 enum class Phase { kWork, kUndo, kCommit };
 
+void DeleteFileAlwaysFails() {
+    kitetest::FaultyEntry<
+        decltype(kite::PlatformCalls::DeleteFileA),
+        &kite::PlatformCalls::DeleteFileA>::ArmEveryCallFailing(ERROR_SHARING_VIOLATION, FALSE);
+}
+
+// regsvr32 cannot be started, so the servers are registered in this process.
+void CreateProcessAlwaysFails() {
+    kitetest::FaultyEntry<
+        decltype(kite::PlatformCalls::CreateProcessA),
+        &kite::PlatformCalls::CreateProcessA>::ArmEveryCallFailing(ERROR_FILE_NOT_FOUND, FALSE);
+}
+
 // Every operation that an installation can see fail, with an error it could meet for real.
 const FaultPoint kFaultPoints[] = {
     KITE_FAULT_POINT(MoveFileA, ERROR_SHARING_VIOLATION, FALSE),
@@ -40,9 +53,11 @@ const FaultPoint kFaultPoints[] = {
     KITE_FAULT_POINT(SHCreateDirectory, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED),
     KITE_FAULT_POINT(CoCreateGuid, ERROR_NOT_ENOUGH_MEMORY, kHresultOf(ERROR_NOT_ENOUGH_MEMORY)),
     KITE_FAULT_POINT(DeleteFileA, ERROR_SHARING_VIOLATION, FALSE),
-    KITE_FAULT_POINT(MoveFileExA, ERROR_ACCESS_DENIED, FALSE),
+    KITE_FAULT_POINT(MoveFileExA, ERROR_ACCESS_DENIED, FALSE, DeleteFileAlwaysFails,
+                     "every DeleteFileA fails", true),
     KITE_FAULT_POINT(CreateProcessA, ERROR_FILE_NOT_FOUND, FALSE),
-    KITE_FAULT_POINT(LoadLibraryA, ERROR_MOD_NOT_FOUND, 0),
+    KITE_FAULT_POINT(LoadLibraryA, ERROR_MOD_NOT_FOUND, 0, CreateProcessAlwaysFails,
+                     "every CreateProcessA fails"),
     KITE_FAULT_POINT(CoCreateInstance, ERROR_NOT_ENOUGH_MEMORY,
                      kHresultOf(ERROR_NOT_ENOUGH_MEMORY)),
     KITE_FAULT_POINT(URLDownloadToFileA, ERROR_INTERNET_CANNOT_CONNECT,
@@ -89,10 +104,15 @@ TEST_F(FaultInjectionTest, EveryFaultAtEveryCallLeavesTheProductIntact) {
             plan.failAt = n;
             plan.error = point.error;
             plan.failure = point.failure;
-            Phase phase = Phase::kWork;
+            // With every deletion failing, every commit leaves its aside files scheduled.
+            Phase phase = point.settlementOnly ? Phase::kCommit : Phase::kWork;
             plan.onInjected = [&] {
                 const std::string log = ReadLog();
-                if (log.find("Entering CKiteInstaller::Abort") != std::string::npos) {
+                if (point.settlementOnly) {
+                    phase = log.find("Entering CKiteInstaller::Abort") != std::string::npos
+                                ? Phase::kUndo
+                                : Phase::kCommit;
+                } else if (log.find("Entering CKiteInstaller::Abort") != std::string::npos) {
                     phase = Phase::kUndo;
                 } else if (log.find("Entering CKiteInstaller::Commit") != std::string::npos) {
                     phase = Phase::kCommit;
@@ -101,6 +121,7 @@ TEST_F(FaultInjectionTest, EveryFaultAtEveryCallLeavesTheProductIntact) {
             HRESULT result = E_UNEXPECTED;
             {
                 kitetest::PlatformOverride armed;
+                if (point.precondition) point.precondition();
                 point.arm();
                 // A host's first use: the reporter fetches its configuration, then installs.
                 kite::TelemetryReporter::Instance() = kite::TelemetryReporter();
@@ -130,8 +151,9 @@ TEST_F(FaultInjectionTest, EveryFaultAtEveryCallLeavesTheProductIntact) {
             }
             if (!plan.reached) break;
         }
-        std::printf("%-20s %6d %9d %9d %7d %11d\n", point.operation, runs, injected, committed,
-                    undone, undoFaults);
+        std::printf("%-20s %6d %9d %9d %7d %11d%s%s\n", point.operation, runs, injected, committed,
+                    undone, undoFaults, point.precondition ? "  while " : "",
+                    point.precondition ? point.preconditionText : "");
         totalRuns += runs;
         totalInjected += injected;
         totalIntact += committed + undone;
