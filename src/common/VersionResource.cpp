@@ -3,9 +3,22 @@
 #include "common/Handles.h"
 #include "common/Platform.h"
 
+#include <cstring>
+
 namespace kite {
 
+namespace {
+
+// No file has a longer path, even with the long-path prefix; Wine's version reader crashes on a
+// narrow path that does not fit a counted wide string instead of failing.
+constexpr std::size_t kLongestPathChars = 32767;
+
+}  // namespace
+
 VersionReadResult ReadFixedFileInfo(const char* path, VS_FIXEDFILEINFO& info) {
+    if (std::strlen(path) >= kLongestPathChars) {
+        return {VersionReadStep::kSize, ERROR_FILENAME_EXCED_RANGE};
+    }
     DWORD handle = 0;
     const DWORD size = Platform().GetFileVersionInfoSizeA(path, &handle);
     if (size == 0) return {VersionReadStep::kSize, ::GetLastError()};
