@@ -15,6 +15,9 @@ namespace kite {
 namespace {
 
 constexpr int kCopyRetries = 3;
+// An event body has room for 1,699 bytes, and a longer one ends the host; the list of copied
+// files stops growing at this length so that a package of any size can report it.
+constexpr std::size_t kCopiedTextLimit = 1000;
 constexpr DWORD kCopyRetryWaitMs = 1000;
 
 bool Exists(const std::string& path) { return _access(path.c_str(), 0) == 0; }
@@ -97,6 +100,17 @@ int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string&
     return 0;
 }
 
+// Appends a name unless the text would outgrow one event; then " ..." ends the list, once.
+void AppendCopiedName(std::string& copied, bool& full, const std::string& name) {
+    if (full) return;
+    if (copied.size() + name.size() > kCopiedTextLimit) {
+        copied += " ...";
+        full = true;
+        return;
+    }
+    copied += name;
+}
+
 }  // namespace
 
 std::string CKiteInstaller::ProductExecutable() const {
@@ -108,6 +122,7 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
     ScopeLog log("CKiteInstaller::CopyFiles");
     std::string copied = "KITE: CKiteInstaller::CopyFiles copied these files";
     std::string rememberedName;
+    bool copiedFull = false;
     log << "CKiteInstaller::CopyFiles Src = " << productFolder_ << std::endl;
 
     int backupFlag = 1;
@@ -146,7 +161,7 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
         }
         // The name of the latest file renamed aside, not of the file just copied: the text is a
         // diagnostic of what was replaced.
-        copied += rememberedName;
+        AppendCopiedName(copied, copiedFull, rememberedName);
     }
 
     copied += result ? " Success" : " Failure";

@@ -433,4 +433,26 @@ TEST_F(CopyFilesTest, FilesHeldByOtherProgramsAsWineTreatsThem) {
     EXPECT_EQ(ReadFileBytes(product_ / "tww.exe"), "new program");
 }
 
+// However many files a package replaces, the list of copied files fits one event.
+TEST_F(CopyFilesTest, CopiedFilesListOfALargePackageFitsOneEvent) {
+    std::vector<Command> commands;
+    for (int i = 0; i < 150; ++i) {
+        const std::string name = "file-" + std::to_string(1000 + i) + ".dat";
+        WriteFileBytes(package_ / name, "new");
+        WriteFileBytes(product_ / name, "old");
+        commands.push_back({package_ / name, product_ / name, 0});
+    }
+    EXPECT_EQ(Copy(commands), 1);
+    EXPECT_EQ(installer_.journal().size(), 300u);
+
+    const std::vector<std::string> events = Events();
+    ASSERT_EQ(events.size(), 2u);
+    const std::string head =
+        "info: KITE: CKiteInstaller::CopyFiles copied these files\\file-1000.dat";
+    EXPECT_EQ(events[0].substr(0, head.size()), head);
+    EXPECT_EQ(events[0].substr(events[0].size() - 12), " ... Success");
+    EXPECT_LE(events[0].size(), std::string("info: ").size() + 1000 + 12);
+    EXPECT_EQ(events[1], "info: CKiteInstaller::CopyFiles Return: 1");
+}
+
 }  // namespace
