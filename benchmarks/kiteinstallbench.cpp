@@ -1,0 +1,428 @@
+// kiteinstallbench: what an installation through KITEUpdate.dll costs next to copying the same
+// bytes by hand and next to Windows Installer, in the Wine prefix that benchmarks/install.sh sets
+// up.
+//
+//   kiteinstallbench prepare <root> <count> <sizes>   makes <root>\package (the new files) and
+//                                                     <root>\product (the installed product)
+//   kiteinstallbench run <root> <runs> [<msi>]        measures every method, prints one line each
+//   kiteinstallbench memory <root>                    one installation; prints the host's memory
+//   kiteinstallbench profile <root> <count>           what the steps of one traced file cost
+//   kiteinstallbench clean <root>                     deletes what prepare made
+//
+// <sizes> is "64k" (every file 64 KiB) or "mixed" (4 KiB doubling up to 8 MiB, then again).
+// The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
+// name and size for each package file, so that every file of the package replaces one.
+#include "log/CommonFilesDataPath.h"
+#include "log/ScopeLog.h"
+
+#include <windows.h>
+#include <objbase.h>
+#include <psapi.h>
+#include <shlobj.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using InstallKiteFunction = HRESULT (*)(const char*);
+
+double Seconds() {
+    LARGE_INTEGER now, frequency;
+    ::QueryPerformanceCounter(&now);
+    ::QueryPerformanceFrequency(&frequency);
+    return static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+[[noreturn]] void Fail(const std::string& what) {
+    std::fprintf(stderr, "kiteinstallbench: %s (error %lu)\n", what.c_str(), ::GetLastError());
+    std::exit(1);
+}
+
+std::string ModuleFolder() {
+    char path[MAX_PATH] = {};
+    ::GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string folder = path;
+    return folder.substr(0, folder.rfind('\\'));
+}
+
+std::string FileName(int index) {
+    char name[32];
+    std::snprintf(name, sizeof name, "k%04d.dll", index);
+    return name;
+}
+
+// The package's description, kept next to it by prepare.
+struct Package {
+    std::string root;
+    int count = 0;
+    std::vector<unsigned long> sizes;
+
+    std::string PackagePath(int i) const { return root + "\\package\\" + FileName(i); }
+    std::string ProductPath(int i) const { return root + "\\product\\" + FileName(i); }
+    unsigned long long Bytes() const {
+        unsigned long long total = 0;
+        for (unsigned long size : sizes) total += size;
+        return total;
+    }
+};
+
+Package LoadPackage(const std::string& root) {
+    Package package;
+    package.root = root;
+    std::ifstream list(root + "\\sizes.txt");
+    unsigned long size = 0;
+    while (list >> size) package.sizes.push_back(size);
+    package.count = static_cast<int>(package.sizes.size());
+    if (package.count == 0) Fail("no package under " + root + "; run prepare first");
+    return package;
+}
+
+void WriteFile(const std::string& path, unsigned long size, char fill) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file) Fail("cannot write " + path);
+    std::string block(64 * 1024, fill);
+    for (unsigned long left = size; left > 0;) {
+        const unsigned long piece = std::min<unsigned long>(left, block.size());
+        file.write(block.data(), piece);
+        left -= piece;
+    }
+}
+
+void RemoveTree(const std::string& folder) {
+    WIN32_FIND_DATAA found;
+    HANDLE search = ::FindFirstFileA((folder + "\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            const std::string name = found.cFileName;
+            if (name == "." || name == "..") continue;
+            const std::string path = folder + "\\" + name;
+            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                RemoveTree(path);
+            } else {
+                ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+                ::DeleteFileA(path.c_str());
+            }
+        } while (::FindNextFileA(search, &found));
+        ::FindClose(search);
+    }
+    ::RemoveDirectoryA(folder.c_str());
+}
+
+int Prepare(const std::string& root, int count, const std::string& sizes) {
+    RemoveTree(root);
+    ::SHCreateDirectoryExA(nullptr, root.c_str(), nullptr);
+    ::CreateDirectoryA((root + "\\package").c_str(), nullptr);
+    ::CreateDirectoryA((root + "\\product").c_str(), nullptr);
+    const std::string program = ModuleFolder() + "\\fixtures\\tw27-program-4008.exe";
+    if (!::CopyFileA(program.c_str(), (root + "\\product\\tww.exe").c_str(), FALSE)) {
+        Fail("cannot copy " + program);
+    }
+    std::ofstream list(root + "\\sizes.txt");
+    for (int i = 0; i < count; ++i) {
+        const unsigned long size =
+            sizes == "mixed" ? 4096UL << (i % 12) : static_cast<unsigned long>(64 * 1024);
+        list << size << "\n";
+        WriteFile(root + "\\package\\" + FileName(i), size, 'n');
+        WriteFile(root + "\\product\\" + FileName(i), size, 'o');
+    }
+    return 0;
+}
+
+std::string Manifest(const Package& package) {
+    std::ostringstream xml;
+    xml << "<commands><appdir>" << package.root << "\\product</appdir>";
+    for (int i = 0; i < package.count; ++i) {
+        xml << "<command><src>" << package.PackagePath(i) << "</src><dst>" << package.ProductPath(i)
+            << "</dst><register>0</register></command>";
+    }
+    xml << "</commands>";
+    return xml.str();
+}
+
+std::string LogPath() {
+    char workArea[kite::kWorkAreaBytes] = {};
+    const char* folder = kite::GetCommonFilesDataPath(workArea);
+    if (folder == nullptr) Fail("CommonFilesDataPath is not set");
+    return std::string(folder) + "\\twupdate\\log\\CRITICALFIXES.LOG";
+}
+
+// The log's entering lines between two sizes of it: the traced scopes of what ran in between.
+int ScopesSince(const std::string& log, std::streamoff from) {
+    std::ifstream file(log, std::ios::binary);
+    file.seekg(from);
+    std::string line;
+    int scopes = 0;
+    while (std::getline(file, line)) scopes += line.find(" : Entering ") != std::string::npos;
+    return scopes;
+}
+
+std::streamoff LogSize(const std::string& log) {
+    std::ifstream file(log, std::ios::binary | std::ios::ate);
+    return file ? static_cast<std::streamoff>(file.tellg()) : 0;
+}
+
+InstallKiteFunction LoadInstallKite() {
+    const std::string dll = ModuleFolder() + "\\KITEUpdate.dll";
+    HMODULE module = ::LoadLibraryA(dll.c_str());  // kept loaded until the process ends
+    if (module == nullptr) Fail("cannot load " + dll);
+    auto function = reinterpret_cast<InstallKiteFunction>(
+        reinterpret_cast<void*>(::GetProcAddress(module, "InstallKite")));
+    if (function == nullptr) Fail("no InstallKite in " + dll);
+    return function;
+}
+
+// Runs a Windows program to its end; false when it could not be started or exited non-zero.
+bool RunProgram(const std::string& commandLine) {
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    std::vector<char> line(commandLine.begin(), commandLine.end());
+    line.push_back('\0');
+    if (!::CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
+                          nullptr, &startup, &process)) {
+        return false;
+    }
+    const kite::UniqueHandle thread(process.hThread);
+    const kite::UniqueHandle child(process.hProcess);
+    ::WaitForSingleObject(child.get(), INFINITE);
+    DWORD code = 1;
+    ::GetExitCodeProcess(child.get(), &code);
+    return code == 0;
+}
+
+struct Measured {
+    std::string name;
+    std::vector<double> seconds;
+    int scopes = 0;
+};
+
+// The baselines: what the same replacement of files costs without the library.
+void CopyLoop(const Package& package) {
+    for (int i = 0; i < package.count; ++i) {
+        if (!::CopyFileA(package.PackagePath(i).c_str(), package.ProductPath(i).c_str(), FALSE)) {
+            Fail("CopyFileA " + package.ProductPath(i));
+        }
+    }
+}
+
+void RenameAsideLoop(const Package& package, int round) {
+    for (int i = 0; i < package.count; ++i) {
+        const std::string dst = package.ProductPath(i);
+        char aside[64];
+        std::snprintf(aside, sizeof aside, "\\aside-%d-%d", round, i);
+        const std::string asidePath = package.root + "\\product" + aside;
+        if (!::MoveFileA(dst.c_str(), asidePath.c_str())) Fail("MoveFileA " + dst);
+        if (!::CopyFileA(package.PackagePath(i).c_str(), dst.c_str(), FALSE)) {
+            Fail("CopyFileA " + dst);
+        }
+        if (!::DeleteFileA(asidePath.c_str())) Fail("DeleteFileA " + asidePath);
+    }
+}
+
+// The Windows Installer peer: a first installation of the MSI into a product folder whose files
+// all differ in size from the package's, so that every one of them is replaced. Wine keeps no
+// INSTALLDIR for a later repair, hence a fresh installation each time, removed afterwards.
+void ResetForMsi(const Package& package, const std::string& msi) {
+    RunProgram("msiexec /x \"" + msi + "\" /qn");
+    for (int i = 0; i < package.count; ++i) {
+        WriteFile(package.ProductPath(i), package.sizes[i] + 1, 'o');
+    }
+}
+
+double TimeMsi(const Package& package, const std::string& msi) {
+    const double start = Seconds();
+    const bool ok =
+        RunProgram("msiexec /i \"" + msi + "\" /qn INSTALLDIR=\"" + package.root + "\\product\"");
+    const double elapsed = Seconds() - start;
+    if (!ok) Fail("msiexec /i " + msi);
+    // Every file must now carry the package's content.
+    for (int i = 0; i < package.count; ++i) {
+        WIN32_FILE_ATTRIBUTE_DATA data;
+        if (!::GetFileAttributesExA(package.ProductPath(i).c_str(), GetFileExInfoStandard, &data) ||
+            data.nFileSizeLow != package.sizes[i]) {
+            Fail("msiexec did not replace " + package.ProductPath(i));
+        }
+    }
+    return elapsed;
+}
+
+void PrintLine(const Package& package, const Measured& measured) {
+    std::printf("%s files=%d bytes=%llu median=%.6f scopes=%d runs=", measured.name.c_str(),
+                package.count, package.Bytes(), Median(measured.seconds), measured.scopes);
+    for (std::size_t i = 0; i < measured.seconds.size(); ++i) {
+        std::printf("%s%.4f", i ? "," : "", measured.seconds[i]);
+    }
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+int Run(const std::string& root, int runs, const std::string& msi) {
+    const Package package = LoadPackage(root);
+    const InstallKiteFunction installKite = LoadInstallKite();
+    const std::string manifest = Manifest(package);
+    const std::string log = LogPath();
+
+    // The first installation also makes the backup copies (kept for good afterwards) and loads
+    // the telemetry configuration; it is reported on its own.
+    Measured first{"install-first", {}, 0};
+    {
+        const std::streamoff before = LogSize(log);
+        const double start = Seconds();
+        if (installKite(manifest.c_str()) != S_OK) Fail("the first installation failed");
+        first.seconds.push_back(Seconds() - start);
+        first.scopes = ScopesSince(log, before);
+    }
+
+    Measured copy{"copy-loop", {}, 0}, rename{"rename-loop", {}, 0}, xcopy{"xcopy", {}, 0},
+        install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0};
+    const std::string xcopyLine =
+        "xcopy /y /q \"" + root + "\\package\\*\" \"" + root + "\\product\\\"";
+    for (int round = 0; round < runs; ++round) {
+        double start = Seconds();
+        CopyLoop(package);
+        copy.seconds.push_back(Seconds() - start);
+
+        start = Seconds();
+        RenameAsideLoop(package, round);
+        rename.seconds.push_back(Seconds() - start);
+
+        start = Seconds();
+        if (!RunProgram(xcopyLine)) Fail(xcopyLine);
+        xcopy.seconds.push_back(Seconds() - start);
+
+        std::streamoff before = LogSize(log);
+        start = Seconds();
+        if (installKite(manifest.c_str()) != S_OK) Fail("an installation failed");
+        install.seconds.push_back(Seconds() - start);
+        install.scopes = ScopesSince(log, before);
+
+        // The undo: the last destination is held open without sharing, so that it cannot be
+        // renamed aside; every file before it was replaced and is put back.
+        {
+            const std::string last = package.ProductPath(package.count - 1);
+            const kite::UniqueHandle held(::CreateFileA(last.c_str(), GENERIC_READ, 0, nullptr,
+                                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                                                        nullptr));
+            if (!held) Fail("cannot hold " + last);
+            before = LogSize(log);
+            start = Seconds();
+            if (installKite(manifest.c_str()) != E_FAIL)
+                Fail("the failing installation did not fail");
+            undo.seconds.push_back(Seconds() - start);
+            undo.scopes = ScopesSince(log, before);
+        }
+
+        if (!msi.empty()) {
+            ResetForMsi(package, msi);
+            peer.seconds.push_back(TimeMsi(package, msi));
+            RunProgram("msiexec /x \"" + msi + "\" /qn");
+            CopyLoop(package);
+        }
+    }
+    PrintLine(package, first);
+    for (const Measured* measured : {&copy, &rename, &xcopy, &install, &undo}) {
+        PrintLine(package, *measured);
+    }
+    if (!msi.empty()) PrintLine(package, peer);
+    return 0;
+}
+
+// The host's memory during one installation: the peak of its private bytes and working set,
+// and what they were before.
+int Memory(const std::string& root) {
+    const Package package = LoadPackage(root);
+    const InstallKiteFunction installKite = LoadInstallKite();
+    const std::string manifest = Manifest(package);
+    PROCESS_MEMORY_COUNTERS before = {};
+    before.cb = sizeof before;
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &before, sizeof before);
+    if (installKite(manifest.c_str()) != S_OK) Fail("the installation failed");
+    PROCESS_MEMORY_COUNTERS after = {};
+    after.cb = sizeof after;
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &after, sizeof after);
+    std::printf(
+        "memory files=%d bytes=%llu private-before=%llu private-peak=%llu "
+        "working-set-before=%llu working-set-peak=%llu\n",
+        package.count, package.Bytes(), static_cast<unsigned long long>(before.PagefileUsage),
+        static_cast<unsigned long long>(after.PeakPagefileUsage),
+        static_cast<unsigned long long>(before.WorkingSetSize),
+        static_cast<unsigned long long>(after.PeakWorkingSetSize));
+    return 0;
+}
+
+// What the pieces of one traced file cost, each repeated count times: the data-path lookup, an
+// empty traced scope (lookup, open, entering and exiting lines), a message line, and the file
+// calls of the copy step.
+int Profile(const std::string& root, int count) {
+    const Package package = LoadPackage(root);
+    const auto time = [count](const char* what, const std::function<void(int)>& step) {
+        const double start = Seconds();
+        for (int i = 0; i < count; ++i) step(i);
+        std::printf("profile %s us=%.1f\n", what, (Seconds() - start) / count * 1e6);
+        std::fflush(stdout);
+    };
+    time("data-path-lookup", [](int) {
+        char workArea[kite::kWorkAreaBytes] = {};
+        kite::GetCommonFilesDataPath(workArea);
+    });
+    time("empty-scope", [](int) { kite::ScopeLog log("kiteinstallbench::Profile"); });
+    {
+        kite::ScopeLog log("kiteinstallbench::Profile");
+        time("message-line", [&log](int i) { log << "message " << i << std::endl; });
+    }
+    const int files = package.count;
+    time("access",
+         [&](int i) { (void)::GetFileAttributesA(package.ProductPath(i % files).c_str()); });
+    time("guid", [](int) {
+        GUID guid;
+        ::CoCreateGuid(&guid);
+    });
+    time("copy", [&](int i) {
+        ::CopyFileA(package.PackagePath(i % files).c_str(), package.ProductPath(i % files).c_str(),
+                    FALSE);
+    });
+    time("rename-aside-and-back", [&](int i) {
+        const std::string dst = package.ProductPath(i % files);
+        const std::string aside = package.root + "\\product\\aside-profile";
+        ::MoveFileA(dst.c_str(), aside.c_str());
+        ::MoveFileA(aside.c_str(), dst.c_str());
+    });
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string command = argc > 1 ? argv[1] : "";
+    if (command == "prepare" && argc == 5) return Prepare(argv[2], std::atoi(argv[3]), argv[4]);
+    if (command == "run" && (argc == 4 || argc == 5)) {
+        return Run(argv[2], std::atoi(argv[3]), argc == 5 ? argv[4] : "");
+    }
+    if (command == "memory" && argc == 3) return Memory(argv[2]);
+    if (command == "profile" && argc == 4) return Profile(argv[2], std::atoi(argv[3]));
+    if (command == "clean" && argc == 3) {
+        RemoveTree(argv[2]);
+        return 0;
+    }
+    std::fprintf(stderr,
+                 "usage: kiteinstallbench prepare <root> <count> 64k|mixed\n"
+                 "       kiteinstallbench run <root> <runs> [<msi>]\n"
+                 "       kiteinstallbench memory <root>\n"
+                 "       kiteinstallbench profile <root> <count>\n"
+                 "       kiteinstallbench clean <root>\n");
+    return 2;
+}
