@@ -110,7 +110,12 @@ for telemetry in off on; do
         echo "telemetry $telemetry: $count files ($sizes), $runs runs" >&2
         bench run "$windows" "$runs" "${peer[@]}" | sed "s/^/telemetry=$telemetry /" >>"$results"
         if [ $telemetry = off ]; then
-            bench memory "$windows" | sed "s/^/telemetry=$telemetry /" >>"$results"
+            # The largest resident size of the host process over one installation, as Linux saw
+            # it (Wine's own share included); also when the host ends before the commit.
+            /usr/bin/time -o "$state/rss" -f %M "$wine64" "$build/bin/kiteinstallbench.exe" \
+                memory "$windows" </dev/null >/dev/null 2>&1 || true
+            echo "memory-rss files=$count bytes=$(awk '{s+=$1} END {print s}' "$folder/sizes.txt")" \
+                "maxrss-kib=$(tail -1 "$state/rss")" >>"$results"
         fi
         if [ $telemetry = off ] && [ "$shape" = "1000:64k" ]; then
             bench profile "$windows" 1000 >>"$results"

@@ -26,8 +26,10 @@ def parse(path):
             continue
         fields = dict(w.split("=", 1) for w in words if "=" in w)
         method = [w for w in words if "=" not in w][0]
-        if method == "memory":
+        if method == "memory-rss":
             memory.append(fields)
+            continue
+        if method == "memory":
             continue
         key = (fields["telemetry"], int(fields["files"]), int(fields["bytes"]))
         runs[key][method] = fields
@@ -46,7 +48,7 @@ def main():
             continue
         print(f"\nTelemetry {'enabled (loopback collector)' if telemetry == 'on' else 'disabled'}"
               " - medians in seconds")
-        print(f"{'files':>5} {'MiB':>7}  {'method':<40} {'time s':>8} {'/copy':>6} {'/rename':>7}"
+        print(f"{'files':>5} {'MiB':>7}  {'method':<56} {'time s':>8} {'/copy':>6} {'/rename':>7}"
               f" {'/MSI':>6} {'ms/file':>8} {'scopes':>6} {'us/scope':>8}")
         for key in keys:
             _, files, size = key
@@ -58,7 +60,10 @@ def main():
                 seconds = base[method]
                 scopes = int(got[method]["scopes"])
                 per_scope = f"{seconds / scopes * 1e6:8.1f}" if scopes else "       -"
-                print(f"{files:5d} {size / 2**20:7.1f}  {NAMES[method]:<40} {seconds:8.3f}"
+                name = NAMES[method]
+                if got[method].get("exit", "0") != "0":
+                    name += f" [host ended {got[method]['exit']}]"
+                print(f"{files:5d} {size / 2**20:7.1f}  {name:<56} {seconds:8.3f}"
                       f" {ratio(seconds, base['copy-loop'])} {ratio(seconds, base['rename-loop']):>7}"
                       f" {ratio(seconds, base['msi'])} {seconds / files * 1e3:8.3f}"
                       f" {scopes if scopes else '-':>6} {per_scope}")
@@ -95,14 +100,10 @@ def main():
             print(f"growth in bytes at {count} files, {low[2] / 2**20:.1f} -> "
                   f"{high[2] / 2**20:.1f} MiB (x{high[2] / low[2]:.1f}): " + ", ".join(parts))
     if memory:
-        print("\nMemory of the host during one installation (MiB)")
-        print(f"{'files':>5} {'MiB':>7} {'private before':>14} {'private peak':>12}"
-              f" {'working set before':>18} {'working set peak':>16}")
+        print("\nHost process during one installation: largest resident size (Wine included)")
         for m in memory:
-            print(f"{int(m['files']):5d} {int(m['bytes']) / 2**20:7.1f}"
-                  f" {int(m['private-before']) / 2**20:14.1f} {int(m['private-peak']) / 2**20:12.1f}"
-                  f" {int(m['working-set-before']) / 2**20:18.1f}"
-                  f" {int(m['working-set-peak']) / 2**20:16.1f}")
+            print(f"  {int(m['files']):5d} files, {int(m['bytes']) / 2**20:7.1f} MiB:"
+                  f" {int(m['maxrss-kib']) / 1024:7.1f} MiB")
     if profile:
         print("\nPieces of one traced file, each repeated 1000 times (microseconds each)")
         for name, micros in profile:
