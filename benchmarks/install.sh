@@ -71,7 +71,8 @@ make_msi() {
         echo '<Directory Id="INSTALLDIR" Name="KiteBench">'
         local i=0 file
         for file in "$folder"/package/*; do
-            echo "<Component Id=\"c$i\" Guid=\"*\"><File Id=\"f$i\" Source=\"$file\" KeyPath=\"yes\"/></Component>"
+            echo "<Component Id=\"c$i\" Guid=\"*\"><File Id=\"f$i\" Source=\"package/${file##*/}\"" \
+                'KeyPath="yes"/></Component>'
             i=$((i + 1))
         done
         echo '</Directory></Directory></Directory>'
@@ -79,7 +80,8 @@ make_msi() {
         for ((j = 0; j < i; j++)); do echo "<ComponentRef Id=\"c$j\"/>"; done
         echo '</Feature></Product></Wix>'
     } >"$folder/$name.wxs"
-    wixl -o "$folder/$name.msi" "$folder/$name.wxs"
+    # wixl takes file sources relative to the folder it runs in.
+    (cd "$folder" && wixl -o "$name.msi" "$name.wxs")
 }
 
 if [ $quick = 1 ]; then
@@ -103,7 +105,8 @@ for telemetry in off on; do
         windows="C:\\kitebench\\n$count-$sizes"
         bench prepare "$windows" "$count" "$sizes"
         peer=()
-        if [ $msi = 1 ]; then
+        # Windows Installer does not depend on the library's telemetry: measured once.
+        if [ $msi = 1 ] && [ $telemetry = off ]; then
             make_msi "$folder" peer
             peer=("$windows\\peer.msi")
         fi
