@@ -41,6 +41,19 @@ double Seconds() {
     return static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
 }
 
+// User and kernel time of this process so far, in seconds.
+void ProcessTimes(double& user, double& kernel) {
+    FILETIME created, ended, kernelTime, userTime;
+    ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernelTime, &userTime);
+    const auto seconds = [](const FILETIME& time) {
+        return static_cast<double>((static_cast<unsigned long long>(time.dwHighDateTime) << 32) |
+                                   time.dwLowDateTime) /
+               1e7;
+    };
+    user = seconds(userTime);
+    kernel = seconds(kernelTime);
+}
+
 double Median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
     const std::size_t middle = values.size() / 2;
@@ -344,6 +357,9 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0};
     const std::string xcopyLine =
         "xcopy /y /q \"" + root + "\\package\\*\" \"" + root + "\\product\\\"";
+    // Where an installation's time goes: the library's own code (user time of this process), its
+    // system calls (kernel time), the rest waiting for Wine's server and the disk.
+    double installUser = 0, installKernel = 0;
     for (int round = 0; round < runs; ++round) {
         double start = Seconds();
         CopyLoop(package);
@@ -361,9 +377,15 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         if (ends) {
             install.seconds.push_back(TimeChildInstall(root, "ok", install.exitCode));
         } else {
+            double user = 0, kernel = 0;
+            ProcessTimes(user, kernel);
             start = Seconds();
             if (installKite(manifest.c_str()) != S_OK) Fail("an installation failed");
             install.seconds.push_back(Seconds() - start);
+            double userAfter = 0, kernelAfter = 0;
+            ProcessTimes(userAfter, kernelAfter);
+            installUser += userAfter - user;
+            installKernel += kernelAfter - kernel;
         }
         install.scopes = ScopesSince(log, before);
 
@@ -403,6 +425,10 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         PrintLine(package, *measured);
     }
     if (!msi.empty()) PrintLine(package, peer);
+    if (!ends) {
+        std::printf("cpu files=%d bytes=%llu install-user=%.6f install-kernel=%.6f\n",
+                    package.count, package.Bytes(), installUser / runs, installKernel / runs);
+    }
     return 0;
 }
 
@@ -457,6 +483,12 @@ int Profile(const std::string& root, int count) {
     time("data-path-lookup", [](int) {
         char workArea[kite::kWorkAreaBytes] = {};
         kite::GetCommonFilesDataPath(workArea);
+    });
+    time("time-stamp", [](int) {
+        const std::time_t now = std::time(nullptr);
+        std::tm local = {};
+        localtime_s(&local, &now);
+        (void)kite::FormatTimeStamp(local);
     });
     time("empty-scope", [](int) { kite::ScopeLog log("kiteinstallbench::Profile"); });
     {

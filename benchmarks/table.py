@@ -16,7 +16,7 @@ NAMES = {
 
 def parse(path):
     runs = defaultdict(dict)  # (telemetry, files, bytes) -> method -> fields
-    memory, profile = [], []
+    memory, profile, cpu = [], [], []
     for line in open(path):
         words = line.split()
         if not words:
@@ -31,9 +31,12 @@ def parse(path):
             continue
         if method == "memory":
             continue
+        if method == "cpu":
+            cpu.append(fields)
+            continue
         key = (fields["telemetry"], int(fields["files"]), int(fields["bytes"]))
         runs[key][method] = fields
-    return runs, memory, profile
+    return runs, memory, profile, cpu
 
 
 def ratio(value, base):
@@ -41,7 +44,7 @@ def ratio(value, base):
 
 
 def main():
-    runs, memory, profile = parse(sys.argv[1])
+    runs, memory, profile, cpu = parse(sys.argv[1])
     for telemetry in ("off", "on"):
         keys = sorted(k for k in runs if k[0] == telemetry)
         if not keys:
@@ -103,6 +106,14 @@ def main():
                 parts.append(f"{NAMES[method]} x{grow:.1f}")
             print(f"growth in bytes at {count} files, {low[2] / 2**20:.1f} -> "
                   f"{high[2] / 2**20:.1f} MiB (x{high[2] / low[2]:.1f}): " + ", ".join(parts))
+    if cpu:
+        print("\nInstallKite's own processor time per installation (mean), against its median time")
+        for c in cpu:
+            key = (c["telemetry"], int(c["files"]), int(c["bytes"]))
+            wall = float(runs[key]["install"]["median"])
+            print(f"  telemetry {c['telemetry']:>3}, {int(c['files']):5d} files,"
+                  f" {int(c['bytes']) / 2**20:7.1f} MiB: user {float(c['install-user']):.3f} s,"
+                  f" kernel {float(c['install-kernel']):.3f} s, of {wall:.3f} s")
     if memory:
         print("\nHost process during one installation: largest resident size (Wine included)")
         for m in memory:
