@@ -1,0 +1,570 @@
+// kiteinstallbench: what an installation through KITEUpdate.dll costs next to copying the same
+// bytes by hand and next to Windows Installer, in the Wine prefix that benchmarks/install.sh sets
+// up.
+//
+//   kiteinstallbench prepare <root> <count> <sizes>   makes <root>\package (the new files) and
+//                                                     <root>\product (the installed product)
+//   kiteinstallbench run <root> <runs> [<msi>]        measures every method, prints one line each
+//   kiteinstallbench memory <root>                    one installation; prints the host's memory
+//   kiteinstallbench profile <root> <count>           what the steps of one traced file cost
+//   kiteinstallbench clean <root>                     deletes what prepare made
+//
+// <sizes> is "64k" (every file 64 KiB) or "mixed" (4 KiB doubling up to 8 MiB, then again).
+// The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
+// name and size for each package file, so that every file of the package replaces one.
+#include "log/CommonFilesDataPath.h"
+#include "log/ScopeLog.h"
+
+#include <windows.h>
+#include <objbase.h>
+#include <psapi.h>
+#include <shlobj.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using InstallKiteFunction = HRESULT (*)(const char*);
+
+double Seconds() {
+    LARGE_INTEGER now, frequency;
+    ::QueryPerformanceCounter(&now);
+    ::QueryPerformanceFrequency(&frequency);
+    return static_cast<double>(now.QuadPart) / static_cast<double>(frequency.QuadPart);
+}
+
+// User and kernel time of this process so far, in seconds.
+void ProcessTimes(double& user, double& kernel) {
+    FILETIME created, ended, kernelTime, userTime;
+    ::GetProcessTimes(::GetCurrentProcess(), &created, &ended, &kernelTime, &userTime);
+    const auto seconds = [](const FILETIME& time) {
+        return static_cast<double>((static_cast<unsigned long long>(time.dwHighDateTime) << 32) |
+                                   time.dwLowDateTime) /
+               1e7;
+    };
+    user = seconds(userTime);
+    kernel = seconds(kernelTime);
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const std::size_t middle = values.size() / 2;
+    return values.size() % 2 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+}
+
+[[noreturn]] void Fail(const std::string& what) {
+    std::fprintf(stderr, "kiteinstallbench: %s (error %lu)\n", what.c_str(), ::GetLastError());
+    std::exit(1);
+}
+
+std::string ModuleFolder() {
+    char path[MAX_PATH] = {};
+    ::GetModuleFileNameA(nullptr, path, MAX_PATH);
+    std::string folder = path;
+    return folder.substr(0, folder.rfind('\\'));
+}
+
+std::string FileName(int index) {
+    char name[32];
+    std::snprintf(name, sizeof name, "k%04d.dll", index);
+    return name;
+}
+
+// The package's description, kept next to it by prepare.
+struct Package {
+    std::string root;
+    int count = 0;
+    std::vector<unsigned long> sizes;
+
+    std::string PackagePath(int i) const { return root + "\\package\\" + FileName(i); }
+    std::string ProductPath(int i) const { return root + "\\product\\" + FileName(i); }
+    unsigned long long Bytes() const {
+        unsigned long long total = 0;
+        for (unsigned long size : sizes) total += size;
+        return total;
+    }
+};
+
+Package LoadPackage(const std::string& root) {
+    Package package;
+    package.root = root;
+    std::ifstream list(root + "\\sizes.txt");
+    unsigned long size = 0;
+    while (list >> size) package.sizes.push_back(size);
+    package.count = static_cast<int>(package.sizes.size());
+    if (package.count == 0) Fail("no package under " + root + "; run prepare first");
+    return package;
+}
+
+// Bytes that do not compress, as real program files hardly do: a cabinet of constant bytes would
+// make the MSI's work nearly nothing.
+void WriteFile(const std::string& path, unsigned long size, char seed) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file) Fail("cannot write " + path);
+    unsigned long long state = 0x9E3779B97F4A7C15ULL ^ static_cast<unsigned char>(seed);
+    std::string block(64 * 1024, '\0');
+    for (unsigned long left = size; left > 0;) {
+        for (std::size_t i = 0; i < block.size(); i += 8) {
+            state ^= state << 13;
+            state ^= state >> 7;
+            state ^= state << 17;
+            std::memcpy(&block[i], &state, 8);
+        }
+        const unsigned long piece = std::min<unsigned long>(left, block.size());
+        file.write(block.data(), piece);
+        left -= piece;
+    }
+}
+
+void RemoveTree(const std::string& folder) {
+    WIN32_FIND_DATAA found;
+    HANDLE search = ::FindFirstFileA((folder + "\\*").c_str(), &found);
+    if (search != INVALID_HANDLE_VALUE) {
+        do {
+            const std::string name = found.cFileName;
+            if (name == "." || name == "..") continue;
+            const std::string path = folder + "\\" + name;
+            if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                RemoveTree(path);
+            } else {
+                ::SetFileAttributesA(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+                ::DeleteFileA(path.c_str());
+            }
+        } while (::FindNextFileA(search, &found));
+        ::FindClose(search);
+    }
+    ::RemoveDirectoryA(folder.c_str());
+}
+
+int Prepare(const std::string& root, int count, const std::string& sizes) {
+    RemoveTree(root);
+    ::SHCreateDirectoryExA(nullptr, root.c_str(), nullptr);
+    ::CreateDirectoryA((root + "\\package").c_str(), nullptr);
+    ::CreateDirectoryA((root + "\\product").c_str(), nullptr);
+    const std::string program = ModuleFolder() + "\\fixtures\\tw27-program-4008.exe";
+    if (!::CopyFileA(program.c_str(), (root + "\\product\\tww.exe").c_str(), FALSE)) {
+        Fail("cannot copy " + program);
+    }
+    std::ofstream list(root + "\\sizes.txt");
+    for (int i = 0; i < count; ++i) {
+        const unsigned long size =
+            sizes == "mixed" ? 4096UL << (i % 12) : static_cast<unsigned long>(64 * 1024);
+        list << size << "\n";
+        WriteFile(root + "\\package\\" + FileName(i), size, 'n');
+        WriteFile(root + "\\product\\" + FileName(i), size, 'o');
+    }
+    return 0;
+}
+
+std::string Manifest(const Package& package) {
+    std::ostringstream xml;
+    xml << "<commands><appdir>" << package.root << "\\product</appdir>";
+    for (int i = 0; i < package.count; ++i) {
+        xml << "<command><src>" << package.PackagePath(i) << "</src><dst>" << package.ProductPath(i)
+            << "</dst><register>0</register></command>";
+    }
+    xml << "</commands>";
+    return xml.str();
+}
+
+std::string LogPath() {
+    char workArea[kite::kWorkAreaBytes] = {};
+    const char* folder = kite::GetCommonFilesDataPath(workArea);
+    if (folder == nullptr) Fail("CommonFilesDataPath is not set");
+    return std::string(folder) + "\\twupdate\\log\\CRITICALFIXES.LOG";
+}
+
+// The log's entering lines between two sizes of it: the traced scopes of what ran in between.
+int ScopesSince(const std::string& log, std::streamoff from) {
+    std::ifstream file(log, std::ios::binary);
+    file.seekg(from);
+    std::string line;
+    int scopes = 0;
+    while (std::getline(file, line)) scopes += line.find(" : Entering ") != std::string::npos;
+    return scopes;
+}
+
+std::streamoff LogSize(const std::string& log) {
+    std::ifstream file(log, std::ios::binary | std::ios::ate);
+    return file ? static_cast<std::streamoff>(file.tellg()) : 0;
+}
+
+InstallKiteFunction LoadInstallKite() {
+    const std::string dll = ModuleFolder() + "\\KITEUpdate.dll";
+    HMODULE module = ::LoadLibraryA(dll.c_str());  // kept loaded until the process ends
+    if (module == nullptr) Fail("cannot load " + dll);
+    auto function = reinterpret_cast<InstallKiteFunction>(
+        reinterpret_cast<void*>(::GetProcAddress(module, "InstallKite")));
+    if (function == nullptr) Fail("no InstallKite in " + dll);
+    return function;
+}
+
+// Runs a Windows program to its end; its exit code, or -1 when it could not be started.
+long ProgramExitCode(const std::string& commandLine) {
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process = {};
+    std::vector<char> line(commandLine.begin(), commandLine.end());
+    line.push_back('\0');
+    if (!::CreateProcessA(nullptr, line.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
+                          nullptr, &startup, &process)) {
+        return -1;
+    }
+    const kite::UniqueHandle thread(process.hThread);
+    const kite::UniqueHandle child(process.hProcess);
+    ::WaitForSingleObject(child.get(), INFINITE);
+    DWORD code = 1;
+    ::GetExitCodeProcess(child.get(), &code);
+    return static_cast<long>(code);
+}
+
+bool RunProgram(const std::string& commandLine) { return ProgramExitCode(commandLine) == 0; }
+
+// The copy step reports one event naming every replaced file, and an event body above 1700 bytes
+// ends the process (a fatal parameter error, never a cut message). Beyond about 130 replaced
+// files of this bench's names the host therefore ends right after the copies, before the commit
+// or the undo; such an installation runs in a child process of its own, and what it left (the
+// old files under GUID names) is removed afterwards.
+bool HostEnds(int count) {
+    const std::size_t fixedBytes = 300;  // event head, token, identifier, system, product facts
+    const std::size_t message = std::strlen("KITE: CKiteInstaller::CopyFiles copied these files") +
+                                count * (1 + FileName(0).size()) + 8;
+    return fixedBytes + message >= 1700;
+}
+
+void RemoveAsideFiles(const std::string& root) {
+    WIN32_FIND_DATAA found;
+    const std::string folder = root + "\\product";
+    HANDLE search = ::FindFirstFileA((folder + "\\{*}").c_str(), &found);
+    if (search == INVALID_HANDLE_VALUE) return;
+    do {
+        ::DeleteFileA((folder + "\\" + found.cFileName).c_str());
+    } while (::FindNextFileA(search, &found));
+    ::FindClose(search);
+}
+
+// One installation in a child process: its time, and its exit code in code.
+double TimeChildInstall(const std::string& root, const char* mode, long& code) {
+    const std::string line =
+        "\"" + ModuleFolder() + "\\kiteinstallbench.exe\" install-once " + root + " " + mode;
+    const double start = Seconds();
+    code = ProgramExitCode(line);
+    const double elapsed = Seconds() - start;
+    RemoveAsideFiles(root);
+    return elapsed;
+}
+
+struct Measured {
+    std::string name;
+    std::vector<double> seconds;
+    int scopes = 0;
+    long exitCode = 0;  // of the child process that ran it, when the host ends
+};
+
+// The baselines: what the same replacement of files costs without the library.
+void CopyLoop(const Package& package) {
+    for (int i = 0; i < package.count; ++i) {
+        if (!::CopyFileA(package.PackagePath(i).c_str(), package.ProductPath(i).c_str(), FALSE)) {
+            Fail("CopyFileA " + package.ProductPath(i));
+        }
+    }
+}
+
+void RenameAsideLoop(const Package& package, int round) {
+    for (int i = 0; i < package.count; ++i) {
+        const std::string dst = package.ProductPath(i);
+        char aside[64];
+        std::snprintf(aside, sizeof aside, "\\aside-%d-%d", round, i);
+        const std::string asidePath = package.root + "\\product" + aside;
+        if (!::MoveFileA(dst.c_str(), asidePath.c_str())) Fail("MoveFileA " + dst);
+        if (!::CopyFileA(package.PackagePath(i).c_str(), dst.c_str(), FALSE)) {
+            Fail("CopyFileA " + dst);
+        }
+        if (!::DeleteFileA(asidePath.c_str())) Fail("DeleteFileA " + asidePath);
+    }
+}
+
+// The Windows Installer peer: a first installation of the MSI into a product folder whose files
+// all differ in size from the package's, so that every one of them is replaced. Wine keeps no
+// INSTALLDIR for a later repair, hence a fresh installation each time, removed afterwards.
+void ResetForMsi(const Package& package, const std::string& msi) {
+    RunProgram("msiexec /x \"" + msi + "\" /qn");
+    for (int i = 0; i < package.count; ++i) {
+        WriteFile(package.ProductPath(i), package.sizes[i] + 1, 'o');
+    }
+}
+
+double TimeMsi(const Package& package, const std::string& msi) {
+    const double start = Seconds();
+    const bool ok =
+        RunProgram("msiexec /i \"" + msi + "\" /qn INSTALLDIR=\"" + package.root + "\\product\"");
+    const double elapsed = Seconds() - start;
+    if (!ok) Fail("msiexec /i " + msi);
+    // Every file must now carry the package's content.
+    for (int i = 0; i < package.count; ++i) {
+        WIN32_FILE_ATTRIBUTE_DATA data;
+        if (!::GetFileAttributesExA(package.ProductPath(i).c_str(), GetFileExInfoStandard, &data) ||
+            data.nFileSizeLow != package.sizes[i]) {
+            Fail("msiexec did not replace " + package.ProductPath(i));
+        }
+    }
+    return elapsed;
+}
+
+void PrintLine(const Package& package, const Measured& measured) {
+    std::printf("%s files=%d bytes=%llu median=%.6f scopes=%d exit=%lx runs=",
+                measured.name.c_str(), package.count, package.Bytes(), Median(measured.seconds),
+                measured.scopes, static_cast<unsigned long>(measured.exitCode));
+    for (std::size_t i = 0; i < measured.seconds.size(); ++i) {
+        std::printf("%s%.4f", i ? "," : "", measured.seconds[i]);
+    }
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+int Run(const std::string& root, int runs, const std::string& msi) {
+    const Package package = LoadPackage(root);
+    const InstallKiteFunction installKite = LoadInstallKite();
+    const std::string manifest = Manifest(package);
+    const std::string log = LogPath();
+
+    // The first installation also makes the backup copies (kept for good afterwards) and loads
+    // the telemetry configuration; it is reported on its own.
+    const bool ends = HostEnds(package.count);
+    Measured first{"install-first", {}, 0};
+    if (ends) {
+        const std::streamoff before = LogSize(log);
+        first.seconds.push_back(TimeChildInstall(root, "ok", first.exitCode));
+        first.scopes = ScopesSince(log, before);
+        CopyLoop(package);
+    } else {
+        const std::streamoff before = LogSize(log);
+        const double start = Seconds();
+        if (installKite(manifest.c_str()) != S_OK) Fail("the first installation failed");
+        first.seconds.push_back(Seconds() - start);
+        first.scopes = ScopesSince(log, before);
+    }
+
+    Measured copy{"copy-loop", {}, 0}, rename{"rename-loop", {}, 0}, xcopy{"xcopy", {}, 0},
+        install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0};
+    const std::string xcopyLine =
+        "xcopy /y /q \"" + root + "\\package\\*\" \"" + root + "\\product\\\"";
+    // Where an installation's time goes: the library's own code (user time of this process), its
+    // system calls (kernel time), the rest waiting for Wine's server and the disk.
+    double installUser = 0, installKernel = 0;
+    for (int round = 0; round < runs; ++round) {
+        double start = Seconds();
+        CopyLoop(package);
+        copy.seconds.push_back(Seconds() - start);
+
+        start = Seconds();
+        RenameAsideLoop(package, round);
+        rename.seconds.push_back(Seconds() - start);
+
+        start = Seconds();
+        if (!RunProgram(xcopyLine)) Fail(xcopyLine);
+        xcopy.seconds.push_back(Seconds() - start);
+
+        std::streamoff before = LogSize(log);
+        if (ends) {
+            install.seconds.push_back(TimeChildInstall(root, "ok", install.exitCode));
+        } else {
+            double user = 0, kernel = 0;
+            ProcessTimes(user, kernel);
+            start = Seconds();
+            if (installKite(manifest.c_str()) != S_OK) Fail("an installation failed");
+            install.seconds.push_back(Seconds() - start);
+            double userAfter = 0, kernelAfter = 0;
+            ProcessTimes(userAfter, kernelAfter);
+            installUser += userAfter - user;
+            installKernel += kernelAfter - kernel;
+        }
+        install.scopes = ScopesSince(log, before);
+
+        // The undo: the last destination is held open without sharing, so that it cannot be
+        // renamed aside; every file before it was replaced and is put back.
+        {
+            const std::string last = package.ProductPath(package.count - 1);
+            const kite::UniqueHandle held(::CreateFileA(last.c_str(), GENERIC_READ, 0, nullptr,
+                                                        OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                                                        nullptr));
+            if (!held) Fail("cannot hold " + last);
+            before = LogSize(log);
+            if (ends) {
+                undo.seconds.push_back(TimeChildInstall(root, "fail", undo.exitCode));
+            } else {
+                start = Seconds();
+                if (installKite(manifest.c_str()) != E_FAIL) {
+                    Fail("the failing installation did not fail");
+                }
+                undo.seconds.push_back(Seconds() - start);
+            }
+            undo.scopes = ScopesSince(log, before);
+        }
+        // A host that ended left the new files in place and the old ones under GUID names; the
+        // next round starts from the same product again.
+        if (ends) CopyLoop(package);
+
+        if (!msi.empty()) {
+            ResetForMsi(package, msi);
+            peer.seconds.push_back(TimeMsi(package, msi));
+            RunProgram("msiexec /x \"" + msi + "\" /qn");
+            CopyLoop(package);
+        }
+    }
+    PrintLine(package, first);
+    for (const Measured* measured : {&copy, &rename, &xcopy, &install, &undo}) {
+        PrintLine(package, *measured);
+    }
+    if (!msi.empty()) PrintLine(package, peer);
+    if (!ends) {
+        std::printf("cpu files=%d bytes=%llu install-user=%.6f install-kernel=%.6f\n",
+                    package.count, package.Bytes(), installUser / runs, installKernel / runs);
+    }
+    return 0;
+}
+
+// One installation as a host makes it; "fail" holds the last destination open so that it fails.
+int InstallOnce(const std::string& root, const std::string& mode) {
+    const Package package = LoadPackage(root);
+    const InstallKiteFunction installKite = LoadInstallKite();
+    const std::string manifest = Manifest(package);
+    kite::UniqueHandle held;
+    if (mode == "fail") {
+        held.reset(::CreateFileA(package.ProductPath(package.count - 1).c_str(), GENERIC_READ, 0,
+                                 nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    }
+    const HRESULT result = installKite(manifest.c_str());
+    return result == (mode == "fail" ? E_FAIL : S_OK) ? 0 : 3;
+}
+
+// The host's memory during one installation: the peak of its private bytes and working set,
+// and what they were before.
+int Memory(const std::string& root) {
+    const Package package = LoadPackage(root);
+    const InstallKiteFunction installKite = LoadInstallKite();
+    const std::string manifest = Manifest(package);
+    PROCESS_MEMORY_COUNTERS before = {};
+    before.cb = sizeof before;
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &before, sizeof before);
+    if (installKite(manifest.c_str()) != S_OK) Fail("the installation failed");
+    PROCESS_MEMORY_COUNTERS after = {};
+    after.cb = sizeof after;
+    ::GetProcessMemoryInfo(::GetCurrentProcess(), &after, sizeof after);
+    std::printf(
+        "memory files=%d bytes=%llu private-before=%llu private-peak=%llu "
+        "working-set-before=%llu working-set-peak=%llu\n",
+        package.count, package.Bytes(), static_cast<unsigned long long>(before.PagefileUsage),
+        static_cast<unsigned long long>(after.PeakPagefileUsage),
+        static_cast<unsigned long long>(before.WorkingSetSize),
+        static_cast<unsigned long long>(after.PeakWorkingSetSize));
+    return 0;
+}
+
+// What the pieces of one traced file cost, each repeated count times: the data-path lookup, an
+// empty traced scope (lookup, open, entering and exiting lines), a message line, and the file
+// calls of the copy step.
+int Profile(const std::string& root, int count) {
+    const Package package = LoadPackage(root);
+    const auto time = [count](const char* what, const std::function<void(int)>& step) {
+        const double start = Seconds();
+        for (int i = 0; i < count; ++i) step(i);
+        std::printf("profile %s us=%.1f\n", what, (Seconds() - start) / count * 1e6);
+        std::fflush(stdout);
+    };
+    time("data-path-lookup", [](int) {
+        char workArea[kite::kWorkAreaBytes] = {};
+        kite::GetCommonFilesDataPath(workArea);
+    });
+    time("time-stamp", [](int) {
+        const std::time_t now = std::time(nullptr);
+        std::tm local = {};
+        localtime_s(&local, &now);
+        (void)kite::FormatTimeStamp(local);
+    });
+    time("empty-scope", [](int) { kite::ScopeLog log("kiteinstallbench::Profile"); });
+    {
+        kite::ScopeLog log("kiteinstallbench::Profile");
+        time("message-line", [&log](int i) { log << "message " << i << std::endl; });
+    }
+    // The pieces of a traced scope besides the lookup: the size query and open of the log,
+    // one line appended at the end, and the lock that keeps lines of concurrent hosts whole.
+    const std::string log = LogPath();
+    time("log-size-query", [&log](int) {
+        WIN32_FILE_ATTRIBUTE_DATA data;
+        ::GetFileAttributesExA(log.c_str(), GetFileExInfoStandard, &data);
+    });
+    time("log-open-close", [&log](int) {
+        const kite::UniqueHandle file(::CreateFileA(log.c_str(), GENERIC_WRITE,
+                                                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    });
+    {
+        const kite::UniqueHandle file(::CreateFileA(log.c_str(), GENERIC_WRITE,
+                                                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                                    OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        time("log-write-at-end", [&file](int) {
+            OVERLAPPED atEnd = {};
+            atEnd.Offset = atEnd.OffsetHigh = 0xFFFFFFFFUL;
+            DWORD written = 0;
+            ::WriteFile(file.get(), "profile line\r\n", 14, &written, &atEnd);
+        });
+        time("log-lock-unlock", [&file](int) {
+            OVERLAPPED lock = {};
+            lock.Offset = 0xFFFFFFFEUL;
+            lock.OffsetHigh = 0x7FFFFFFFUL;
+            ::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lock);
+            ::UnlockFileEx(file.get(), 0, 1, 0, &lock);
+        });
+    }
+    const int files = package.count;
+    time("access",
+         [&](int i) { (void)::GetFileAttributesA(package.ProductPath(i % files).c_str()); });
+    time("guid", [](int) {
+        GUID guid;
+        ::CoCreateGuid(&guid);
+    });
+    time("copy", [&](int i) {
+        ::CopyFileA(package.PackagePath(i % files).c_str(), package.ProductPath(i % files).c_str(),
+                    FALSE);
+    });
+    time("rename-aside-and-back", [&](int i) {
+        const std::string dst = package.ProductPath(i % files);
+        const std::string aside = package.root + "\\product\\aside-profile";
+        ::MoveFileA(dst.c_str(), aside.c_str());
+        ::MoveFileA(aside.c_str(), dst.c_str());
+    });
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::string command = argc > 1 ? argv[1] : "";
+    if (command == "prepare" && argc == 5) return Prepare(argv[2], std::atoi(argv[3]), argv[4]);
+    if (command == "run" && (argc == 4 || argc == 5)) {
+        return Run(argv[2], std::atoi(argv[3]), argc == 5 ? argv[4] : "");
+    }
+    if (command == "memory" && argc == 3) return Memory(argv[2]);
+    if (command == "install-once" && argc == 4) return InstallOnce(argv[2], argv[3]);
+    if (command == "profile" && argc == 4) return Profile(argv[2], std::atoi(argv[3]));
+    if (command == "clean" && argc == 3) {
+        RemoveTree(argv[2]);
+        return 0;
+    }
+    std::fprintf(stderr,
+                 "usage: kiteinstallbench prepare <root> <count> 64k|mixed\n"
+                 "       kiteinstallbench run <root> <runs> [<msi>]\n"
+                 "       kiteinstallbench memory <root>\n"
+                 "       kiteinstallbench profile <root> <count>\n"
+                 "       kiteinstallbench clean <root>\n");
+    return 2;
+}
