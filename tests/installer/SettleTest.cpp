@@ -149,4 +149,48 @@ TEST_F(SettleTest, InstallWithoutAdministratorRightsTouchesNothing) {
               std::vector<Lines>{{"Admin = 0"}});
 }
 
+// Only the text "1" turns folder support on, so only then does a 32-bit server (type 5 or 6) get
+// registered; the switch's message is traced whenever the element is there.
+TEST_F(SettleTest, FolderSupportOnlyForTheTextOne) {
+    const std::string regsvr32 = InstallRecorder("C:\\windows\\syswow64\\regsvr32.exe");
+    const std::string product = folder_ / "product";
+    const std::string server = Fixture("kitecom_ok.dll", "srv32.dll");
+    struct Row {
+        const char* element;  // nullptr: no element
+        bool registered32;
+    };
+    const Row rows[] = {{"1", true}, {"true", false}, {"0", false}, {nullptr, false}};
+    for (const Row& row : rows) {
+        kitetest::RemoveTree(product);
+        kitetest::CreateFolders(product);
+        ::DeleteFileA((regsvr32 + ".calls").c_str());
+        ClearLog();
+        const std::string manifest =
+            "<commands><appdir>" + product + "</appdir>" +
+            (row.element ? std::string("<enableCodeForKITEFolderSupport>") + row.element +
+                               "</enableCodeForKITEFolderSupport>"
+                         : std::string()) +
+            "<command><src>" + server + "</src><dst>" + product +
+            "\\srv32.dll</dst><register>6</register></command></commands>";
+        kite::CKiteInstaller installer;
+
+        EXPECT_EQ(installer.Install(manifest.c_str()), S_OK)
+            << (row.element ? row.element : "none");
+
+        EXPECT_EQ(installer.folderSupport(), row.registered32);
+        EXPECT_EQ(Calls(regsvr32).empty(), !row.registered32)
+            << (row.element ? row.element : "none");
+        Lines trail = {"Admin = 1"};
+        if (row.element) {
+            trail.push_back(
+                "CKiteInstaller::Install code to support new folder structure is enabled");
+        }
+        trail.push_back("CKiteInstaller::Install successful");
+        trail.push_back("Return = 0");
+        EXPECT_EQ(LinesOfScope(ReadMaskedLog(), "CKiteInstaller::Install"),
+                  std::vector<Lines>{trail})
+            << (row.element ? row.element : "none");
+    }
+}
+
 }  // namespace
