@@ -52,7 +52,10 @@ start)
     cp "$state/ca.der" "$share/ca.der"
     WINEPREFIX=$prefix WINEDEBUG=-all /usr/lib/wine/wine64 "$bindir/kitetrustca.exe" \
         'C:\kiteservers\ca.der' </dev/null
-    setsid python3 "$here/kiteservers.py" --share "$share" --chain "$state/chain.pem" \
+    # A long run (the 10,000-case fuzz) sets KITE_SERVERS_LIFETIME above the 15 minutes that
+    # keep orphaned servers from outliving a test run for long.
+    setsid python3 "$here/kiteservers.py" --lifetime "${KITE_SERVERS_LIFETIME:-900}" \
+        --share "$share" --chain "$state/chain.pem" \
         --key "$state/server.key" --collector-hosts "$collector_hosts" --pidfile "$state/pid" \
         </dev/null >"$state/servers.log" 2>&1 &
     for _ in $(seq 100); do
