@@ -21,8 +21,16 @@ struct FaultPlan {
     long long failure = 0;  // what the failing call answers, unless it answers a pointer
     // Called once, when the fault is injected (the driver notes where the run was then).
     std::function<void()> onInjected;
+    // When set, calls are counted only from the first one at which it answers true (the faults
+    // placed inside an undo count the undo's own calls, not the installation's before it).
+    std::function<bool()> countFrom;
+    bool counting = false;
 
     bool Next() {
+        if (countFrom && !counting) {
+            if (!countFrom()) return false;
+            counting = true;
+        }
         ++calls;
         if (calls != failAt) return false;
         reached = true;

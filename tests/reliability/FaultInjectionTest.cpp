@@ -11,6 +11,7 @@
 #include "telemetry/TelemetryReporter.h"
 
 #include <cstdio>
+#include <cstring>
 #include <set>
 
 namespace kitetest {
@@ -164,6 +165,175 @@ TEST_F(FaultInjectionTest, EveryFaultAtEveryCallLeavesTheProductIntact) {
     std::printf("runs not intact, each with the fault inside the settlement itself: %zu\n",
                 undoLosses.size());
     for (const std::string& loss : undoLosses) std::printf("  %s\n", loss.c_str());
+}
+
+// The first fault of a run, which makes the installation fail for good at a fixed point, so that
+// the undo has work of every kind to do. Either every copy of the last file (plugins\notes.txt)
+// fails, after five files were renamed aside or placed: the undo deletes new files, renames old
+// ones back and registers the old server again. Or the last server (plugins\srv2.dll) cannot be
+// registered, after srv.dll was: the undo also unregisters the new srv.dll first.
+std::string g_lastFile;
+std::string g_lastServer;
+BOOL(WINAPI* g_realCopyFileA)(LPCSTR, LPCSTR, BOOL) = nullptr;
+BOOL WINAPI CopyFailsAtTheLastFile(LPCSTR from, LPCSTR to, BOOL failIfExists) {
+    if (::lstrcmpiA(to, g_lastFile.c_str()) == 0) {
+        ::SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    }
+    return g_realCopyFileA(from, to, failIfExists);
+}
+
+decltype(&::CreateProcessA) g_realCreateProcessA = nullptr;
+BOOL WINAPI RegistrationFailsAtTheLastServer(LPCSTR application, LPSTR commandLine,
+                                             LPSECURITY_ATTRIBUTES process,
+                                             LPSECURITY_ATTRIBUTES thread, BOOL inherit,
+                                             DWORD flags, LPVOID environment, LPCSTR folder,
+                                             LPSTARTUPINFOA startup,
+                                             LPPROCESS_INFORMATION information) {
+    if (commandLine != nullptr && std::strstr(commandLine, g_lastServer.c_str()) != nullptr) {
+        ::SetLastError(ERROR_FILE_NOT_FOUND);
+        return FALSE;
+    }
+    return g_realCreateProcessA(application, commandLine, process, thread, inherit, flags,
+                                environment, folder, startup, information);
+}
+
+// Without regsvr32 a server is registered in-process; the last one cannot be loaded either.
+decltype(&::LoadLibraryA) g_realLoadLibraryA = nullptr;
+HMODULE WINAPI LoadFailsAtTheLastServer(LPCSTR path) {
+    if (path != nullptr && ::lstrcmpiA(path, g_lastServer.c_str()) == 0) {
+        ::SetLastError(ERROR_MOD_NOT_FOUND);
+        return nullptr;
+    }
+    return g_realLoadLibraryA(path);
+}
+
+struct FirstFault {
+    const char* what;
+    void (*arm)();
+};
+
+const FirstFault kFirstFaults[] = {
+    {"copy of the last file",
+     [] {
+         g_realCopyFileA = kite::Platform().CopyFileA;
+         kite::Platform().CopyFileA = CopyFailsAtTheLastFile;
+     }},
+    {"registration of the last server",
+     [] {
+         g_realCreateProcessA = kite::Platform().CreateProcessA;
+         kite::Platform().CreateProcessA = RegistrationFailsAtTheLastServer;
+         g_realLoadLibraryA = kite::Platform().LoadLibraryA;
+         kite::Platform().LoadLibraryA = LoadFailsAtTheLastServer;
+     }},
+};
+
+// Every operation that an undo calls through the platform table. The marker is created with
+// CreateFileA directly, so only its folder (SHCreateDirectory) can be made to fail.
+const FaultPoint kUndoFaultPoints[] = {
+    KITE_FAULT_POINT(MoveFileA, ERROR_SHARING_VIOLATION, FALSE),
+    KITE_FAULT_POINT(DeleteFileA, ERROR_SHARING_VIOLATION, FALSE),
+    KITE_FAULT_POINT(MoveFileExA, ERROR_ACCESS_DENIED, FALSE, DeleteFileAlwaysFails,
+                     "every DeleteFileA fails"),
+    KITE_FAULT_POINT(CreateProcessA, ERROR_FILE_NOT_FOUND, FALSE),
+    KITE_FAULT_POINT(LoadLibraryA, ERROR_MOD_NOT_FOUND, 0, CreateProcessAlwaysFails,
+                     "every CreateProcessA fails"),
+    KITE_FAULT_POINT(SHCreateDirectory, ERROR_ACCESS_DENIED, ERROR_ACCESS_DENIED),
+    KITE_FAULT_POINT(WriteFile, ERROR_DISK_FULL, FALSE),
+    KITE_FAULT_POINT(FlushFileBuffers, ERROR_DISK_FULL, FALSE),
+};
+
+TEST_F(FaultInjectionTest, EveryFaultInsideTheUndoKeepsTheOldFiles) {
+    kitetest::PlatformOverride platform;
+    platform.calls().Sleep = VoidSleep;
+    kite::TelemetryReporter::Instance() = kite::TelemetryReporter();
+    g_lastFile = product_ + "\\plugins\\notes.txt";
+    g_lastServer = product_ + "\\plugins\\srv2.dll";
+    const std::string journal = product_ + "\\CriticalFixes\\kite_journal.dat";
+
+    int totalRuns = 0, totalInjected = 0, totalIntact = 0, totalSpecified = 0;
+    int totalJournals = 0, totalRecovered = 0;
+    std::vector<std::string> specified;
+    std::printf("%-32s %-18s %5s %9s %7s %10s %8s %10s\n", "first fault", "undo operation", "runs",
+                "injected", "intact", "specified", "journal", "recovered");
+    for (const FirstFault& first : kFirstFaults) {
+        for (const FaultPoint& point : kUndoFaultPoints) {
+            int runs = 0, injected = 0, intact = 0, specifiedRuns = 0, journals = 0, recovered = 0;
+            for (int n = 1;; ++n) {
+                ArrangeRun(false);
+                kitetest::FaultPlan& plan = kitetest::CurrentFaultPlan();
+                plan = kitetest::FaultPlan();
+                plan.failAt = n;
+                plan.error = point.error;
+                plan.failure = point.failure;
+                // Only the undo's own calls count: the log shows when it began.
+                plan.countFrom = [this] {
+                    return ReadLog().find("Entering CKiteInstaller::Abort") != std::string::npos;
+                };
+                HRESULT result = E_UNEXPECTED;
+                {
+                    kitetest::PlatformOverride armed;
+                    first.arm();
+                    if (point.precondition) point.precondition();
+                    point.arm();
+                    result = InstallKite(Manifest().c_str());
+                }
+                ++runs;
+                const std::string what = std::string(first.what) + ", undo's " + point.operation +
+                                         " call " + std::to_string(n);
+                ASSERT_EQ(result, E_FAIL) << what;
+                ASSERT_TRUE(plan.counting) << what << ": the installation was never undone";
+                if (plan.reached) ++injected;
+                const RunOutcome outcome = Examine(result);
+                // Whatever a failed undo step leaves, no old file's bytes may be gone for good.
+                EXPECT_TRUE(outcome.noBytesLost) << what << ": " << outcome.difference;
+                if (outcome.intact) {
+                    ++intact;
+                } else {
+                    ++specifiedRuns;
+                    specified.push_back(what + ":" + outcome.difference);
+                }
+                if (kitetest::Exists(journal)) {
+                    ++journals;
+                    // The next host to look settles what the journal still holds.
+                    EXPECT_EQ(RecoverKite(product_.c_str()), 1) << what;
+                    EXPECT_FALSE(kitetest::Exists(journal)) << what;
+                    const RunOutcome after = Examine(E_FAIL);
+                    EXPECT_TRUE(after.noBytesLost) << what << " recovered: " << after.difference;
+                    // Recovery never makes a folder worse than the undo left it.
+                    if (outcome.intact) {
+                        EXPECT_TRUE(after.intact) << what << " recovered: " << after.difference;
+                    }
+                    if (after.intact) ++recovered;
+                    if (!outcome.intact) {
+                        specified.back() +=
+                            " (journal left; after recovery:" +
+                            (after.intact ? std::string(" intact)") : after.difference + ")");
+                    }
+                }
+                if (!plan.reached) break;
+            }
+            std::printf("%-32s %-18s %5d %9d %7d %10d %8d %10d%s%s\n", first.what, point.operation,
+                        runs, injected, intact, specifiedRuns, journals, recovered,
+                        point.precondition ? "  while " : "",
+                        point.precondition ? point.preconditionText : "");
+            totalRuns += runs;
+            totalInjected += injected;
+            totalIntact += intact;
+            totalSpecified += specifiedRuns;
+            totalJournals += journals;
+            totalRecovered += recovered;
+            EXPECT_GT(injected, 0)
+                << point.operation << " was never called by the undo of the " << first.what;
+        }
+    }
+    std::printf(
+        "first faults %zu, undo operations %zu, runs %d, faults injected %d, runs intact %d, "
+        "specified-behaviour runs "
+        "%d, journals left %d, intact after recovery %d\n",
+        std::size(kFirstFaults), std::size(kUndoFaultPoints), totalRuns, totalInjected, totalIntact,
+        totalSpecified, totalJournals, totalRecovered);
+    for (const std::string& run : specified) std::printf("  %s\n", run.c_str());
 }
 
 }  // namespace
