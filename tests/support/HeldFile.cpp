@@ -25,8 +25,14 @@ HeldFile::HeldFile(const std::string& path) {
     startup.hStdError = childOutput;
     PROCESS_INFORMATION process = {};
     std::string line = Quote(ExeFolder() + "\\fixtures\\kiteholder.exe") + " " + Quote(path);
-    const BOOL started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr,
-                                          nullptr, &startup, &process);
+    // Under a heavily loaded Wine server a process start can fail now and then; the holder is the
+    // fixture, not the subject, so it is given a few tries.
+    BOOL started = FALSE;
+    for (int attempt = 0; attempt < 5 && !started; ++attempt) {
+        if (attempt > 0) ::Sleep(200);
+        started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                   &startup, &process);
+    }
     ::CloseHandle(childInput);
     ::CloseHandle(childOutput);
     if (!started) throw std::runtime_error("cannot start kiteholder");
