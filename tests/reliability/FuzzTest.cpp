@@ -213,7 +213,16 @@ class FuzzTest : public kitetest::ReliabilityFixture {
             }
             it = empty ? state.erase(it) : std::next(it);
         }
-        return state;
+        // Names are compared as Windows compares them, without regard to case: a manifest that
+        // names an installed file in another case replaces that file, and its undo renames the
+        // old bytes back under the manifest's spelling of the same name.
+        State folded;
+        for (const auto& entry : state) {
+            std::string name = entry.first;
+            for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            folded[name] = entry.second;
+        }
+        return folded;
     }
 
     void ArrangeCase() {
