@@ -12,44 +12,31 @@
 #
 # Everything it generates under the prefix is deleted at the end.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${KITE_BUILD_DIR:-$root/build}
 quick=0
 [ "${1:-}" = "--quick" ] && quick=1
-
-CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-2} bash "$root/scripts/build.sh" >/dev/null
-
-export WINEPREFIX=$build/bench-prefix WINEDEBUG=-all
-wine64=/usr/lib/wine/wine64
-state=$build/bench-servers
-share=$WINEPREFIX/drive_c/kiteservers
+export CMAKE_BUILD_PARALLEL_LEVEL=${CMAKE_BUILD_PARALLEL_LEVEL:-2}
+source "$(dirname "$0")/../scripts/session.sh" bench-prefix bench-servers
 work=$WINEPREFIX/drive_c/kitebench
 results=$build/bench-results.txt
 bench() { "$wine64" "$build/bin/kiteinstallbench.exe" "$@" </dev/null | tr -d '\r'; }
 
 cleanup() {
-    bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$state" || true
     rm -rf "$work"
     rm -f "$WINEPREFIX/drive_c/kitetest/commondata/twupdate/log/CRITICALFIXES.LOG"
-    bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"
+    end_session
 }
-bash "$root/tests/support/wineprefix.sh" start "$WINEPREFIX"
 trap cleanup EXIT
 
 # The servers live at most 15 minutes; each telemetry setting gets its own start. Both server
 # values point at loopback, so that nothing leaves the machine: the configuration document
 # enables or disables both channels, and no restore policy is served (the built-in table turns
 # backups on for release 27.0.4008).
-start_servers() {
-    bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$state" "$build/bin"
-    local value address
-    for value in config:KiteConfigServer restore:KiteRestoreServer; do
-        address=$(sed -n "s/^${value%%:*}=//p" "$share/addresses.ini" | tr -d '\r')
-        "$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v "${value#*:}" /t REG_SZ \
-            /d "$address" /f >/dev/null 2>&1
-    done
+start_bench_servers() {
+    start_servers
+    reg_set KiteConfigServer "$(address config)"
+    reg_set KiteRestoreServer "$(address restore)"
     local enable=$1 loc
-    loc="<loc>$(sed -n 's/^collector=//p' "$share/addresses.ini" | tr -d '\r')</loc>"
+    loc="<loc>$(address collector)</loc>"
     printf '%s' "<SplunkConfig><LED><enable>$enable</enable><token>BENCH</token><prod>$loc" \
         "<endpoint>/led/prod</endpoint><header>Authorization: Splunk led</header></prod></LED>" \
         "<Track><enable>$enable</enable><token>BENCH</token><prod>$loc" \
@@ -98,7 +85,7 @@ if [ $quick = 0 ] && command -v wixl >/dev/null; then msi=1; fi
 : >"$results"
 for telemetry in off on; do
     [ $telemetry = on ] && enable=true || enable=false
-    start_servers $enable
+    start_bench_servers $enable
     for shape in $shapes; do
         count=${shape%%:*} sizes=${shape#*:}
         folder="$work/n$count-$sizes"
@@ -115,16 +102,16 @@ for telemetry in off on; do
         if [ $telemetry = off ]; then
             # The largest resident size of the host process over one installation, as Linux saw
             # it (Wine's own share included); also when the host ends before the commit.
-            /usr/bin/time -o "$state/rss" -f %M "$wine64" "$build/bin/kiteinstallbench.exe" \
+            /usr/bin/time -o "$servers/rss" -f %M "$wine64" "$build/bin/kiteinstallbench.exe" \
                 memory "$windows" </dev/null >/dev/null 2>&1 || true
             echo "memory-rss files=$count bytes=$(awk '{s+=$1} END {print s}' "$folder/sizes.txt")" \
-                "maxrss-kib=$(tail -1 "$state/rss")" >>"$results"
+                "maxrss-kib=$(tail -1 "$servers/rss")" >>"$results"
         fi
         if [ $telemetry = off ] && [ "$shape" = "1000:64k" ]; then
             bench profile "$windows" 1000 >>"$results"
         fi
         bench clean "$windows"
     done
-    bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$state"
+    bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$servers"
 done
 python3 "$root/benchmarks/table.py" "$results"

@@ -12,6 +12,8 @@
 // <sizes> is "64k" (every file 64 KiB) or "mixed" (4 KiB doubling up to 8 MiB, then again).
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
+#include "installer/DurableJournal.h"
+#include "installer/KiteInstaller.h"
 #include "log/CommonFilesDataPath.h"
 #include "log/ScopeLog.h"
 
@@ -524,6 +526,17 @@ int Profile(const std::string& root, int count) {
             ::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lock);
             ::UnlockFileEx(file.get(), 0, 1, 0, &lock);
         });
+    }
+    // One record of the installation's journal file: written and flushed to disk before the
+    // change it announces.
+    {
+        kite::DurableJournal journal;
+        journal.Begin(package.root + "\\product", false);
+        time("journal-record", [&](int i) {
+            journal.Intend(kite::ActionRecord{package.ProductPath(i % package.count), "",
+                                              kite::kFilePlaced});
+        });
+        journal.Finish();
     }
     const int files = package.count;
     time("access",

@@ -6,29 +6,17 @@
 #      120 s).
 # Takes about three minutes; the figures are kept in benchmarks/README.md.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${KITE_BUILD_DIR:-$root/build}
-bash "$root/scripts/build.sh" >/dev/null
+source "$(dirname "$0")/../scripts/session.sh" bench-prefix bench-servers
+start_servers
 
-export WINEPREFIX=$build/bench-prefix WINEDEBUG=-all
-wine64=/usr/lib/wine/wine64
-state=$build/bench-servers
-share=$WINEPREFIX/drive_c/kiteservers
-bash "$root/tests/support/wineprefix.sh" start "$WINEPREFIX"
-trap 'bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$state"
-      bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"' EXIT
-bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$state" "$build/bin"
-
-address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
-"$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v KiteConfigServer /t REG_SZ \
-    /d "$(address config)" /f >/dev/null 2>&1
+reg_set KiteConfigServer "$(address config)"
 printf '<SplunkConfig><LED><enable>true</enable><token>BENCH</token><prod><loc>%s</loc>%s%s</prod></LED></SplunkConfig>' \
     "$(address collector)" '<endpoint>/services/collector/raw</endpoint>' \
     '<header>Authorization: Splunk BENCH</header>' >"$share/config/SplunkConfig.xml"
 
 bench() {
-    "$wine64" "$build/bin/kitebench.exe" "$@" >"$state/bench.out"
-    tr -d '\r' <"$state/bench.out" | sed 's/^/   /'
+    "$wine64" "$build/bin/kitebench.exe" "$@" >"$servers/bench.out"
+    tr -d '\r' <"$servers/bench.out" | sed 's/^/   /'
 }
 collected() { find "$share/requests" -name 'collector-*.http' | wc -l; }
 

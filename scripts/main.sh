@@ -4,18 +4,8 @@
 # download server and telemetry collector. A first package applies and is committed; a second
 # fails half-way and is undone. Then the log trail and the events the collector received.
 set -euo pipefail
-root=$(cd "$(dirname "$0")/.." && pwd)
-build=${KITE_BUILD_DIR:-$root/build}
-bash "$root/scripts/build.sh" >/dev/null
-
-export WINEPREFIX=$build/demo-prefix WINEDEBUG=-all
-wine64=/usr/lib/wine/wine64
-servers=$build/demo-servers
-bash "$root/tests/support/wineprefix.sh" start "$WINEPREFIX"
-trap 'bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$servers"
-      bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"' EXIT
-bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$servers" "$build/bin"
-share=$WINEPREFIX/drive_c/kiteservers
+source "$(dirname "$0")/session.sh" demo-prefix demo-servers
+start_servers
 fixtures=$build/bin/fixtures
 
 drive_c=$WINEPREFIX/drive_c
@@ -24,12 +14,6 @@ log=$drive_c/ProgramData/Tolvix/TallowmereCommon/twupdate/log/CRITICALFIXES.LOG
 product='C:\Program Files\Tolvix\Tallowmere 27'
 installed="$drive_c/Program Files/Tolvix/Tallowmere 27"
 packages=$drive_c/KitePackages
-
-reg_set() {
-    "$wine64" reg add 'HKLM\Software\Tolvix\TallowmereCommon' /v "$1" /t REG_SZ /d "$2" /f \
-        >/dev/null 2>&1
-}
-address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
 
 # The product's setup records its common data folder; the log lives below it. The registry
 # points the library at the download server as it would at a mirror.
