@@ -10,6 +10,8 @@
 #include <objbase.h>
 #include <io.h>
 
+#include <vector>
+
 namespace kite {
 
 namespace {
@@ -53,13 +55,18 @@ bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& ds
     FormatBounded(aside, "%s\\%s", dst.substr(0, slash).c_str(), guid.c_str());
     const ActionRecord reregister{dst, std::to_string(serverType), kRegisterAgain};
     const ActionRecord renamed{dst, aside, kRenamedAside};
-    if (serverType > 0) installer.durable.Intend(reregister);
-    installer.durable.Intend(renamed);
+    const ActionRecord placed{dst, "", kFilePlaced};
+    std::vector<ActionRecord> announced;
+    if (serverType > 0) announced.push_back(reregister);
+    announced.push_back(renamed);
+    announced.push_back(placed);
+    installer.durable.Intend(announced);
     log << "Rename: " << dst << " => " << aside;
     const BOOL moved = Platform().MoveFileA(dst.c_str(), aside);
     const DWORD error = ::GetLastError();
     log << ", Return = " << moved << std::endl;
     if (!moved) {
+        installer.durable.Settled(placed);
         installer.durable.Settled(renamed);
         if (serverType > 0) installer.durable.Settled(reregister);
         ReportError("KITE: CKiteInstaller:CopyFiles MoveFile failed for file " + dst +
@@ -75,10 +82,11 @@ bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& ds
 
 // Up to four copy calls, the last three each after a wait: a file still held open by a closing
 // program is often released within seconds.
+// A file that replaced another had its copy announced with the rename aside.
 int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string& src,
-                    const std::string& dst) {
+                    const std::string& dst, bool announced) {
     const ActionRecord placed{dst, "", kFilePlaced};
-    installer.durable.Intend(placed);
+    if (!announced) installer.durable.Intend(placed);
     if (installer.CopyFile_S(src, dst)) {
         installer.RecordAction(dst, "", kFilePlaced);
         return 1;
@@ -139,7 +147,8 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
         log << "CopyFile: Src=" << command.src << ", dst=" << command.dst
             << ", server=" << command.serverType << std::endl;
         bool ok = BackupFile(command.dst, backupFlag) != 0;
-        if (ok && !Exists(command.dst)) {
+        const bool replaces = ok && Exists(command.dst);
+        if (ok && !replaces) {
             ReportInfo("KITE: CKiteInstaller::CopyFiles:FileExists File does not exist " +
                        command.dst);
         } else if (ok &&
@@ -151,7 +160,7 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
             TraceAndReport(log, text, true);
             ok = false;
         }
-        if (ok) ok = CopyWithRetries(*this, log, command.src, command.dst) != 0;
+        if (ok) ok = CopyWithRetries(*this, log, command.src, command.dst, replaces) != 0;
         if (!ok) {
             const std::string text =
                 "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + command.dst;

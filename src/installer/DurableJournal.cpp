@@ -60,6 +60,20 @@ PendingJournal ReadJournalText(const std::string& text) {
     return journal;
 }
 
+std::vector<ActionRecord> DropCopiesNotBegun(
+    std::vector<ActionRecord>& records, const std::function<bool(const std::string&)>& exists) {
+    std::vector<ActionRecord> dropped;
+    for (std::size_t i = 1; i < records.size(); ++i) {
+        const ActionRecord& renamed = records[i - 1];
+        if (records[i].action == kFilePlaced && renamed.action == kRenamedAside &&
+            renamed.source == records[i].source && !exists(renamed.destination)) {
+            dropped.push_back(records[i]);
+            records.erase(records.begin() + static_cast<std::ptrdiff_t>(i));
+        }
+    }
+    return dropped;
+}
+
 std::string JournalPath(const std::string& productFolder) {
     char path[260];
     FormatBounded(path, "%s\\CriticalFixes\\%s", productFolder.c_str(), kJournalFileName);
@@ -89,6 +103,14 @@ bool DurableJournal::Resume(const std::string& productFolder, bool createdFolder
     const bool opened = Open(productFolder, OPEN_EXISTING);
     createdFolder_ = createdFolder;
     return opened;
+}
+
+void DurableJournal::Intend(const ActionRecord& record) { Append(JournalLine('R', record)); }
+
+void DurableJournal::Intend(const std::vector<ActionRecord>& records) {
+    std::string lines;
+    for (const ActionRecord& record : records) lines += JournalLine('R', record);
+    Append(lines);
 }
 
 void DurableJournal::Append(const std::string& line) {

@@ -14,10 +14,14 @@
 //                          happen, or it was undone)
 //   C                      the commit began: from here on only forward
 // A line without its line end was cut short by a crash before its change; it is ignored.
+// A replaced file's rename aside and its copy are announced in one write (one flush instead of
+// two); a crash before the rename then leaves the copy's record pending while the old file is
+// still under its own name, and recovery drops that record (see DropCopiesNotBegun).
 #pragma once
 
 #include "common/Handles.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,6 +40,12 @@ struct PendingJournal {
 };
 
 PendingJournal ReadJournalText(const std::string& text);
+// Takes out each pending copy record that follows the rename aside of the same file when nothing
+// is under the GUID name: the rename never happened, and the copy's undo would delete the old
+// file. Returns what it took out, for the journal to mark settled before any undo step: once the
+// rename's own record is settled, a later recovery could no longer tell.
+std::vector<ActionRecord> DropCopiesNotBegun(std::vector<ActionRecord>& records,
+                                             const std::function<bool(const std::string&)>& exists);
 std::string JournalLine(char kind, const ActionRecord& record);
 
 // "<product folder>\CriticalFixes\kite_journal.dat".
@@ -49,7 +59,9 @@ class DurableJournal {
     bool Resume(const std::string& productFolder, bool createdFolder);
     bool active() const { return file_.valid(); }
 
-    void Intend(const ActionRecord& record) { Append(JournalLine('R', record)); }
+    void Intend(const ActionRecord& record);
+    // Changes made one after the other, announced in one write and one flush.
+    void Intend(const std::vector<ActionRecord>& records);
     void Settled(const ActionRecord& record) { Append(JournalLine('S', record)); }
     void Committing() { Append("C\n"); }
     // Deletes the file, and the CriticalFixes folder when the journal made it and it is empty.

@@ -93,12 +93,15 @@ HRESULT CKiteInstaller::Recover() {
             return failed;
         }
     }
-    const PendingJournal pending = ReadJournalText(text);
+    PendingJournal pending = ReadJournalText(text);
+    const std::vector<ActionRecord> notBegun = DropCopiesNotBegun(
+        pending.records, [](const std::string& path) { return _access(path.c_str(), 0) == 0; });
     log << "Pending records: " << pending.records.size()
         << (pending.committing ? ", commit begun" : "") << std::endl;
     folderSupport_ = pending.folderSupport;
     journal_.assign(pending.records.begin(), pending.records.end());
     durable.Resume(productFolder_, pending.createdFolder);
+    for (const ActionRecord& record : notBegun) durable.Settled(record);
     HRESULT result = 1;
     if (pending.committing) {
         Commit();

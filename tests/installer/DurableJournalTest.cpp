@@ -45,4 +45,43 @@ TEST(DurableJournal, SettledRecordsAndCutLinesAreNotPending) {
     EXPECT_FALSE(kite::ReadJournalText(marker + "C").committing);
 }
 
+// A replaced file's rename and copy are announced together: the copy's record stays only when
+// the rename happened, which the file under the GUID name shows.
+TEST(DurableJournal, CopyOfAFileNotYetRenamedAsideIsDropped) {
+    const kite::ActionRecord marker{"C:\\P\\CriticalFixes\\force_apply_kite.dat", "", 2};
+    const kite::ActionRecord again{"C:\\P\\s.dll", "2", 4};
+    const kite::ActionRecord aside{"C:\\P\\s.dll", "C:\\P\\{G}", 1};
+    const kite::ActionRecord placed{"C:\\P\\s.dll", "", 3};
+    const kite::ActionRecord otherPlaced{"C:\\P\\t.dll", "", 3};
+    struct Row {
+        std::vector<kite::ActionRecord> records;
+        bool asideExists;
+        std::size_t kept;
+    };
+    const Row rows[] = {
+        {{marker, again, aside, placed}, false, 3},
+        {{marker, again, aside, placed}, true, 4},
+        {{marker, aside, otherPlaced}, false, 3},  // another file's copy
+        {{marker, placed}, false, 2},              // a new file: no rename before it
+        {{marker, again, aside}, false, 3},
+        {{}, false, 0},
+    };
+    for (const Row& row : rows) {
+        std::vector<kite::ActionRecord> records = row.records;
+        std::vector<std::string> asked;
+        const std::vector<kite::ActionRecord> dropped =
+            kite::DropCopiesNotBegun(records, [&](const std::string& path) {
+                asked.push_back(path);
+                return row.asideExists;
+            });
+        ASSERT_EQ(records.size(), row.kept);
+        ASSERT_EQ(dropped.size(), row.records.size() - row.kept);
+        if (!dropped.empty()) EXPECT_EQ(dropped[0].source, "C:\\P\\s.dll");
+        for (std::size_t i = 0; i < row.kept; ++i) {
+            EXPECT_EQ(records[i].action, row.records[i].action) << i;
+        }
+        for (const std::string& path : asked) EXPECT_EQ(path, "C:\\P\\{G}");
+    }
+}
+
 }  // namespace
