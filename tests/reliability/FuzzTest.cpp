@@ -281,6 +281,10 @@ TEST_F(FuzzTest, MutatedManifestsEndInAnAnswerAndFailuresUndoEverything) {
         } else {
             result = static_cast<unsigned long>(InstallKite(text.c_str()));
         }
+        if ((n + 1) % 1000 == 0) {
+            std::printf("manifest fuzz: %lu cases run\n", n + 1);
+            std::fflush(stdout);
+        }
         if (result == 0xC0000417UL) {
             // A path or event too long for its buffer ends the host, as designed.
             ++ended;

@@ -3,6 +3,7 @@
 #include <shlobj.h>
 
 #include <atomic>
+#include <cstdio>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -215,12 +216,26 @@ ProcessResult RunProcess(const std::string& commandLine) {
     startup.hStdError = writeEnd;
     PROCESS_INFORMATION process = {};
     std::string line = commandLine;
-    const BOOL started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr,
-                                          nullptr, &startup, &process);
+    // Over thousands of starts a Wine server now and then refuses one: the new process dies in
+    // its own start-up, before any of its code runs. The programs started here are test hosts
+    // and fixtures, not the subject, so a refused start is tried again and reported.
+    BOOL started = FALSE;
+    DWORD error = 0;
+    for (int attempt = 0; attempt < 3 && !started; ++attempt) {
+        if (attempt > 0) {
+            std::fprintf(stderr, "process start refused (error %lu), trying again: %s\n", error,
+                         commandLine.c_str());
+            ::Sleep(200);
+        }
+        started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                                   &startup, &process);
+        error = ::GetLastError();
+    }
     ::CloseHandle(writeEnd);
     if (!started) {
         ::CloseHandle(readEnd);
-        throw std::runtime_error("cannot start " + commandLine);
+        throw std::runtime_error("cannot start " + commandLine + " (error " +
+                                 std::to_string(error) + ")");
     }
     // Output is collected until the child exits, not until the pipe closes: a process that the
     // child starts can inherit the pipe and outlive it (Wine starts its desktop process,
