@@ -8,7 +8,7 @@
 #   bash benchmarks/install.sh           5 runs each; 64 KiB files at 10, 100 and 1000 files,
 #                                        mixed sizes at 10 and 100; the MSI peer when wixl is
 #                                        installed (apt-get install wixl); about 10 minutes
-#   bash benchmarks/install.sh --quick   3 runs, 64 KiB files only, no MSI; about 3 minutes
+#   bash benchmarks/install.sh --quick   3 runs, 64 KiB files only, no MSI; about 5 minutes
 #
 # Everything it generates under the prefix is deleted at the end.
 set -euo pipefail
