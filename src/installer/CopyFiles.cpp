@@ -81,8 +81,8 @@ bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& ds
 }
 
 // Up to four copy calls, the last three each after a wait: a file still held open by a closing
-// program is often released within seconds.
-// A file that replaced another had its copy announced with the rename aside.
+// program is often released within seconds. A file that replaces another had its copy announced
+// in the journal with the rename aside.
 int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string& src,
                     const std::string& dst, bool announced) {
     const ActionRecord placed{dst, "", kFilePlaced};

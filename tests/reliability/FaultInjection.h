@@ -99,6 +99,16 @@ struct FaultPoint {
     bool settlementOnly = false;
 };
 
+// A fresh plan that fails the n-th call of the point's operation as the point says.
+inline FaultPlan& PlanFault(const FaultPoint& point, int n) {
+    FaultPlan& plan = CurrentFaultPlan();
+    plan = FaultPlan();
+    plan.failAt = n;
+    plan.error = point.error;
+    plan.failure = point.failure;
+    return plan;
+}
+
 // clang-format off
 #define KITE_FAULT_POINT(entry, error, failure, ...)                                              \
     ::kitetest::FaultPoint{                                                                       \

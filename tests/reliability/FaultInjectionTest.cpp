@@ -100,11 +100,7 @@ TEST_F(FaultInjectionTest, EveryFaultAtEveryCallLeavesTheProductIntact) {
         const bool collector = NeedsCollector(point.operation);
         for (int n = 1;; ++n) {
             ArrangeRun(collector);
-            kitetest::FaultPlan& plan = kitetest::CurrentFaultPlan();
-            plan = kitetest::FaultPlan();
-            plan.failAt = n;
-            plan.error = point.error;
-            plan.failure = point.failure;
+            kitetest::FaultPlan& plan = kitetest::PlanFault(point, n);
             // With every deletion failing, every commit leaves its aside files scheduled.
             Phase phase = point.settlementOnly ? Phase::kCommit : Phase::kWork;
             plan.onInjected = [&] {
@@ -261,11 +257,7 @@ TEST_F(FaultInjectionTest, EveryFaultInsideTheUndoKeepsTheOldFiles) {
             int runs = 0, injected = 0, intact = 0, specifiedRuns = 0, journals = 0, recovered = 0;
             for (int n = 1;; ++n) {
                 ArrangeRun(false);
-                kitetest::FaultPlan& plan = kitetest::CurrentFaultPlan();
-                plan = kitetest::FaultPlan();
-                plan.failAt = n;
-                plan.error = point.error;
-                plan.failure = point.failure;
+                kitetest::FaultPlan& plan = kitetest::PlanFault(point, n);
                 // Only the undo's own calls count: the log shows when it began.
                 plan.countFrom = [this] {
                     return ReadLog().find("Entering CKiteInstaller::Abort") != std::string::npos;
