@@ -3,6 +3,7 @@
 #pragma once
 
 #include <windows.h>
+#include <bcrypt.h>
 #include <objbase.h>
 #include <wininet.h>
 
@@ -69,10 +70,32 @@ struct InternetTraits {
     static void Close(HINTERNET h) { ::InternetCloseHandle(h); }
 };
 
+struct HashAlgorithmTraits {
+    static BCRYPT_ALG_HANDLE Invalid() { return nullptr; }
+    static bool IsValid(BCRYPT_ALG_HANDLE h) { return h != nullptr; }
+    static void Close(BCRYPT_ALG_HANDLE h) { ::BCryptCloseAlgorithmProvider(h, 0); }
+};
+
+struct HashTraits {
+    static BCRYPT_HASH_HANDLE Invalid() { return nullptr; }
+    static bool IsValid(BCRYPT_HASH_HANDLE h) { return h != nullptr; }
+    static void Close(BCRYPT_HASH_HANDLE h) { ::BCryptDestroyHash(h); }
+};
+
+struct LocalMemoryTraits {
+    static HLOCAL Invalid() { return nullptr; }
+    static bool IsValid(HLOCAL h) { return h != nullptr; }
+    static void Close(HLOCAL h) { ::LocalFree(h); }
+};
+
 using UniqueHandle = UniqueResource<HANDLE, KernelHandleTraits>;
 using UniqueRegKey = UniqueResource<HKEY, RegKeyTraits>;
 using UniqueModule = UniqueResource<HMODULE, ModuleTraits>;
 using UniqueInternet = UniqueResource<HINTERNET, InternetTraits>;
+// A block the platform allocated with LocalAlloc (security descriptors, for instance).
+using UniqueLocal = UniqueResource<HLOCAL, LocalMemoryTraits>;
+using UniqueHashAlgorithm = UniqueResource<BCRYPT_ALG_HANDLE, HashAlgorithmTraits>;
+using UniqueHash = UniqueResource<BCRYPT_HASH_HANDLE, HashTraits>;
 
 // A heap block whose size the platform names at run time (version information, for instance).
 using UniqueBytes = std::unique_ptr<BYTE[]>;

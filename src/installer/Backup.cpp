@@ -65,29 +65,29 @@ int CKiteInstaller::TakeBackup(unsigned int majorVersion, unsigned int release) 
     return answer == 0 ? 0 : BuiltInBackupAnswer(majorVersion, release);
 }
 
-int CKiteInstaller::BackupFile(const std::string& destination, int backupFlag) {
+bool CKiteInstaller::BackupFile(const std::string& destination, int backupFlag) {
     ScopeLog log("CKiteInstaller::BackupFile");
     if (backupFlag == 0) {
         log << "Exiting from BackupFile method as the takeBackup flag is = " << backupFlag
             << std::endl;
-        return 1;
+        return true;
     }
     log << "Backup request for " << destination << std::endl;
     if (_access(destination.c_str(), 0) != 0) {
         log << "File doesn't exist" << std::endl;
-        return 1;
+        return true;
     }
     if (!IsWorthBackingUp(destination)) {
         log << "Backup not required" << std::endl;
-        return 1;
+        return true;
     }
-    int result = 1;
+    bool result = true;
     const std::string name = FileNameOfPath(destination);
     char backup[260];
     FormatBounded(backup, "%s\\CriticalFixes\\%s", productFolder_.c_str(), name.c_str());
     // The first installation's backup copy is the one worth keeping.
-    if (_access(backup, 0) != 0 && CopyFile_S(destination, backup) == 0) {
-        result = 0;
+    if (_access(backup, 0) != 0 && !CopyFile_S(destination, backup)) {
+        result = false;
         ReportError("KITE: Backup failed for " + name);
     }
     log << "Return = " << result << std::endl;

@@ -10,17 +10,15 @@
 #include <objbase.h>
 #include <io.h>
 
-#include <vector>
-
 namespace kite {
 
 namespace {
 
 constexpr int kCopyRetries = 3;
-// An event body has room for 1,699 bytes, and a longer one ends the host; the list of copied
-// files stops growing at this length so that a package of any size can report it.
-constexpr std::size_t kCopiedTextLimit = 1000;
 constexpr DWORD kCopyRetryWaitMs = 1000;
+// The list of copied files stops growing at this length so that a package of any size can
+// report it in one event.
+constexpr std::size_t kCopiedTextLimit = 1000;
 
 bool Exists(const std::string& path) { return _access(path.c_str(), 0) == 0; }
 
@@ -35,77 +33,19 @@ std::string NewGuidText() {
     return narrow;
 }
 
-// Moves an existing destination aside under a GUID name in its own folder, so that the copy
-// never overwrites a file that an undo would need and a running program can keep its image.
-bool RenameAside(CKiteInstaller& installer, ScopeLog& log, const std::string& dst, int serverType,
-                 std::string& rememberedName) {
-    const std::string::size_type slash = dst.rfind('\\');
-    if (dst.empty() || slash == std::string::npos) {
-        ReportError("KITE: CKiteInstaller:CopyFiles:rfind MoveFile failed for file " + dst);
-        return false;
-    }
-    const std::string guid = NewGuidText();
-    if (guid.empty()) {
-        ReportError("KITE: CKiteInstaller:CopyFiles CoCreateGuid Failed to create GUID for File " +
-                    dst);
-        return false;
-    }
-    rememberedName = dst.substr(slash);
-    char aside[260];
-    FormatBounded(aside, "%s\\%s", dst.substr(0, slash).c_str(), guid.c_str());
-    const ActionRecord reregister{dst, std::to_string(serverType), kRegisterAgain};
-    const ActionRecord renamed{dst, aside, kRenamedAside};
-    const ActionRecord placed{dst, "", kFilePlaced};
-    std::vector<ActionRecord> announced;
-    if (serverType > 0) announced.push_back(reregister);
-    announced.push_back(renamed);
-    announced.push_back(placed);
-    installer.durable.Intend(announced);
-    log << "Rename: " << dst << " => " << aside;
-    const BOOL moved = Platform().MoveFileA(dst.c_str(), aside);
-    const DWORD error = ::GetLastError();
-    log << ", Return = " << moved << std::endl;
-    if (!moved) {
-        installer.durable.Settled(placed);
-        installer.durable.Settled(renamed);
-        if (serverType > 0) installer.durable.Settled(reregister);
-        ReportError("KITE: CKiteInstaller:CopyFiles MoveFile failed for file " + dst +
-                    " for szBkp " + aside + " with GetLastError: " + std::to_string(error));
-        return false;
-    }
-    if (serverType > 0) {
-        installer.RecordComRegistration(dst, 1, static_cast<unsigned int>(serverType));
-    }
-    installer.RecordAction(dst, aside, kRenamedAside);
-    return true;
+// The record of a file about to be placed carries its source's size and write time, which the
+// copy keeps: recovery deletes only the file this installation put there.
+ActionRecord PlacedRecord(const PlannedCommand& command) {
+    return ActionRecord{command.dst, "", Action::FilePlaced, 0, FileIdentity(command.src)};
 }
 
-// Up to four copy calls, the last three each after a wait: a file still held open by a closing
-// program is often released within seconds. A file that replaces another had its copy announced
-// in the journal with the rename aside.
-int CopyWithRetries(CKiteInstaller& installer, ScopeLog& log, const std::string& src,
-                    const std::string& dst, bool announced) {
-    const ActionRecord placed{dst, "", kFilePlaced};
-    if (!announced) installer.durable.Intend(placed);
-    if (installer.CopyFile_S(src, dst)) {
-        installer.RecordAction(dst, "", kFilePlaced);
-        return 1;
-    }
-    for (int attempt = 1; attempt <= kCopyRetries; ++attempt) {
-        Platform().Sleep(kCopyRetryWaitMs);
-        if (installer.CopyFile_S(src, dst)) {
-            installer.RecordAction(dst, "", kFilePlaced);
-            log << "CopyFile_s for file " << src << " to destination " << dst
-                << "passed in attempt  " << attempt << std::endl;
-            ReportInfo("KITE: CopyFile_S passed in attempt number " + std::to_string(attempt));
-            return 1;
-        }
-        log << "CopyFile_s for file " << src << " to destination " << dst << "failed in attempt  "
-            << attempt << std::endl;
-    }
-    installer.durable.Settled(placed);
-    ReportError("KITE: CopyFile_S failed for all the 3 attempts.");
-    return 0;
+bool SomethingWentWrong(std::ostream& log, const std::string& dst) {
+    TraceAndReport(log,
+                   "KITE: CKiteInstaller::CopyFiles: Something went wrong before invoking  "
+                   "CopyFile_S for file " +
+                       dst,
+                   true);
+    return false;
 }
 
 // Appends a name unless the text would outgrow one event; then " ..." ends the list, once.
@@ -126,10 +66,73 @@ std::string CKiteInstaller::ProductExecutable() const {
     return Exists(program) ? program : productFolder_ + "\\tww32.exe";
 }
 
-int CKiteInstaller::CopyFiles(const ptree& commands) {
+// Up to four copy calls, the last three each after a wait: a file still held open by a closing
+// program is often released within seconds. The placed file is recorded right after its copy.
+bool CKiteInstaller::CopyWithRetries(std::ostream& log, const PlannedCommand& command,
+                                     JournaledChange& change, std::size_t placed) {
+    const std::string& src = command.src;
+    const std::string& dst = command.dst;
+    if (CopyFile_S(src, dst)) {
+        change.Made(placed);
+        return true;
+    }
+    for (int attempt = 1; attempt <= kCopyRetries; ++attempt) {
+        Platform().Sleep(kCopyRetryWaitMs);
+        if (CopyFile_S(src, dst)) {
+            change.Made(placed);
+            log << "CopyFile_s for file " << src << " to destination " << dst
+                << "passed in attempt  " << attempt << std::endl;
+            ReportInfo("KITE: CopyFile_S passed in attempt number " + std::to_string(attempt));
+            return true;
+        }
+        log << "CopyFile_s for file " << src << " to destination " << dst << "failed in attempt  "
+            << attempt << std::endl;
+    }
+    ReportError("KITE: CopyFile_S failed for all the 3 attempts.");
+    return false;
+}
+
+// Moves the installed file aside under a GUID name in its own folder, so that the copy never
+// overwrites a file that an undo would need and a running program can keep its image; then
+// copies the new one. Rename and copy are announced in one journal write.
+bool CKiteInstaller::ReplaceFile(std::ostream& log, const PlannedCommand& command,
+                                 std::string& replacedName) {
+    const std::string& dst = command.dst;
+    const std::string guid = NewGuidText();
+    if (guid.empty()) {
+        ReportError("KITE: CKiteInstaller:CopyFiles CoCreateGuid Failed to create GUID for File " +
+                    dst);
+        return SomethingWentWrong(log, dst);
+    }
+    const std::string::size_type slash = dst.rfind('\\');
+    replacedName = dst.substr(slash);
+    char aside[260];
+    FormatBounded(aside, "%s\\%s", dst.substr(0, slash).c_str(), guid.c_str());
+    std::vector<ActionRecord> records;
+    if (command.serverType > 0) {
+        records.push_back(ActionRecord{dst, "", Action::RegisterAgain, command.serverType, ""});
+    }
+    records.push_back(ActionRecord{dst, aside, Action::RenamedAside, 0, ""});
+    records.push_back(PlacedRecord(command));
+    JournaledChange change(*this, records);
+    if (!change.announced()) return SomethingWentWrong(log, dst);
+    log << "Rename: " << dst << " => " << aside;
+    const BOOL moved = Platform().MoveFileA(dst.c_str(), aside);
+    const DWORD error = ::GetLastError();
+    log << ", Return = " << moved << std::endl;
+    if (!moved) {
+        ReportError("KITE: CKiteInstaller:CopyFiles MoveFile failed for file " + dst +
+                    " for szBkp " + aside + " with GetLastError: " + std::to_string(error));
+        return SomethingWentWrong(log, dst);
+    }
+    for (std::size_t i = 0; i + 1 < records.size(); ++i) change.Made(i);
+    return CopyWithRetries(log, command, change, records.size() - 1);
+}
+
+bool CKiteInstaller::CopyFiles(const Plan& plan) {
     ScopeLog log("CKiteInstaller::CopyFiles");
     std::string copied = "KITE: CKiteInstaller::CopyFiles copied these files";
-    std::string rememberedName;
+    std::string replacedName;
     bool copiedFull = false;
     log << "CKiteInstaller::CopyFiles Src = " << productFolder_ << std::endl;
 
@@ -140,53 +143,47 @@ int CKiteInstaller::CopyFiles(const ptree& commands) {
         backupFlag = TakeBackup(major, release);
     }
 
-    int result = 1;
-    for (const ptree::value_type& child : commands) {
-        if (!IsCommand(child)) continue;
-        const ManifestCommand command = ReadCommand(child.second);
+    bool result = true;
+    for (const PlannedCommand& command : plan) {
         log << "CopyFile: Src=" << command.src << ", dst=" << command.dst
             << ", server=" << command.serverType << std::endl;
-        bool ok = BackupFile(command.dst, backupFlag) != 0;
-        const bool replaces = ok && Exists(command.dst);
-        if (ok && !replaces) {
+        bool ok = BackupFile(command.dst, backupFlag);
+        if (ok && Exists(command.dst)) {
+            ok = ReplaceFile(log, command, replacedName);
+        } else if (ok) {
             ReportInfo("KITE: CKiteInstaller::CopyFiles:FileExists File does not exist " +
                        command.dst);
-        } else if (ok &&
-                   !RenameAside(*this, log, command.dst, command.serverType, rememberedName)) {
-            const std::string text =
-                "KITE: CKiteInstaller::CopyFiles: Something went wrong before invoking  "
-                "CopyFile_S for file " +
-                command.dst;
-            TraceAndReport(log, text, true);
-            ok = false;
+            JournaledChange change(*this, {PlacedRecord(command)});
+            ok = change.announced() && CopyWithRetries(log, command, change, 0);
         }
-        if (ok) ok = CopyWithRetries(*this, log, command.src, command.dst, replaces) != 0;
         if (!ok) {
-            const std::string text =
-                "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + command.dst;
-            TraceAndReport(log, text, true);
-            result = 0;
+            TraceAndReport(
+                log,
+                "KITE: CKiteInstaller::CopyFiles: Failed to take back up of file " + command.dst,
+                true);
+            result = false;
             break;
         }
         // The name of the latest file renamed aside, not of the file just copied: the text is a
         // diagnostic of what was replaced.
-        AppendCopiedName(copied, copiedFull, rememberedName);
+        AppendCopiedName(copied, copiedFull, replacedName);
     }
 
     copied += result ? " Success" : " Failure";
     (result ? ReportInfo : ReportError)(copied);
-    TraceAndReport(log, "CKiteInstaller::CopyFiles Return: " + std::to_string(result), result == 0);
+    TraceAndReport(log, "CKiteInstaller::CopyFiles Return: " + std::to_string(result ? 1 : 0),
+                   !result);
     return result;
 }
 
-int CKiteInstaller::CopyFile_S(const std::string& source, const std::string& destination) {
+bool CKiteInstaller::CopyFile_S(const std::string& source, const std::string& destination) {
     ScopeLog log("CopyFile_S");
     log << "CopyFile_S: " << source << " => " << destination << std::endl;
-    int result = 0;
+    BOOL result = FALSE;
     if (!Exists(source)) {
         log << "Error: " << source << " doesn't exist" << std::endl;
         ReportError("KITE: CopyFile_S failed at CUtils::FileExists: " + FileNameOfPath(source));
-        return 0;
+        return false;
     }
     const std::string::size_type slash = destination.rfind('\\');
     if (slash == std::string::npos) {
@@ -210,7 +207,7 @@ int CKiteInstaller::CopyFile_S(const std::string& source, const std::string& des
         }
     }
     log << "CopyFile_S return = " << result << std::endl;
-    return result;
+    return result != FALSE;
 }
 
 }  // namespace kite

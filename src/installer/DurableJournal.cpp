@@ -3,11 +3,8 @@
 #include "common/BoundedFormat.h"
 #include "common/Platform.h"
 #include "common/Text.h"
-#include "installer/KiteInstaller.h"
 
 #include <io.h>
-
-#include <sstream>
 
 namespace kite {
 
@@ -24,15 +21,45 @@ std::vector<std::string> Fields(const std::string& line) {
     }
 }
 
-bool SameRecord(const ActionRecord& a, const ActionRecord& b) {
-    return a.action == b.action && a.source == b.source && a.destination == b.destination;
+bool ParseRecord(const std::vector<std::string>& fields, ActionRecord& record) {
+    if (fields.size() != 6 || fields[1].size() != 1 || fields[1][0] < '1' || fields[1][0] > '5') {
+        return false;
+    }
+    record.action = static_cast<Action>(fields[1][0] - '0');
+    record.source = fields[2];
+    record.destination = fields[3];
+    record.serverType = TextToInt(fields[4]);
+    record.identity = fields[5];
+    return std::to_string(record.serverType) == fields[4] && !record.source.empty();
+}
+
+// Applies one whole line; false when it is not a line this library writes.
+bool ApplyLine(PendingJournal& journal, const std::string& line) {
+    if (line == "F") return journal.folderSupport = true;
+    if (line == "D") return journal.createdFolder = true;
+    if (line == "C") return journal.committing = true;
+    const std::vector<std::string> fields = Fields(line);
+    ActionRecord record;
+    if ((fields[0] != "R" && fields[0] != "S") || !ParseRecord(fields, record)) return false;
+    if (fields[0] == "R") {
+        journal.records.push_back(record);
+        return true;
+    }
+    for (auto it = journal.records.rbegin(); it != journal.records.rend(); ++it) {
+        if (SameRecord(*it, record)) {
+            journal.records.erase(std::next(it).base());
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
 
 std::string JournalLine(char kind, const ActionRecord& record) {
-    return std::string(1, kind) + "\t" + std::to_string(record.action) + "\t" + record.source +
-           "\t" + record.destination + "\n";
+    return std::string(1, kind) + "\t" + std::to_string(static_cast<int>(record.action)) + "\t" +
+           record.source + "\t" + record.destination + "\t" + std::to_string(record.serverType) +
+           "\t" + record.identity + "\n";
 }
 
 PendingJournal ReadJournalText(const std::string& text) {
@@ -40,21 +67,9 @@ PendingJournal ReadJournalText(const std::string& text) {
     std::string::size_type start = 0;
     for (std::string::size_type end; (end = text.find('\n', start)) != std::string::npos;
          start = end + 1) {
-        const std::vector<std::string> fields = Fields(text.substr(start, end - start));
-        if (fields[0] == "F") journal.folderSupport = true;
-        if (fields[0] == "D") journal.createdFolder = true;
-        if (fields[0] == "C") journal.committing = true;
-        if (fields.size() != 4 || (fields[0] != "R" && fields[0] != "S")) continue;
-        const ActionRecord record{fields[2], fields[3], TextToInt(fields[1])};
-        if (fields[0] == "R") {
-            journal.records.push_back(record);
-            continue;
-        }
-        for (auto it = journal.records.rbegin(); it != journal.records.rend(); ++it) {
-            if (SameRecord(*it, record)) {
-                journal.records.erase(std::next(it).base());
-                break;
-            }
+        if (!ApplyLine(journal, text.substr(start, end - start))) {
+            journal.wellFormed = false;
+            break;
         }
     }
     return journal;
@@ -65,7 +80,7 @@ std::vector<ActionRecord> DropCopiesNotBegun(
     std::vector<ActionRecord> dropped;
     for (std::size_t i = 1; i < records.size(); ++i) {
         const ActionRecord& renamed = records[i - 1];
-        if (records[i].action == kFilePlaced && renamed.action == kRenamedAside &&
+        if (records[i].action == Action::FilePlaced && renamed.action == Action::RenamedAside &&
             renamed.source == records[i].source && !exists(renamed.destination)) {
             dropped.push_back(records[i]);
             records.erase(records.begin() + static_cast<std::ptrdiff_t>(i));
@@ -94,9 +109,7 @@ bool DurableJournal::Open(const std::string& productFolder, DWORD disposition) {
 
 bool DurableJournal::Begin(const std::string& productFolder, bool folderSupport) {
     if (!Open(productFolder, CREATE_ALWAYS)) return false;
-    if (createdFolder_) Append("D\n");
-    if (folderSupport) Append("F\n");
-    return true;
+    return Append(std::string(createdFolder_ ? "D\n" : "") + (folderSupport ? "F\n" : ""));
 }
 
 bool DurableJournal::Resume(const std::string& productFolder, bool createdFolder) {
@@ -105,22 +118,27 @@ bool DurableJournal::Resume(const std::string& productFolder, bool createdFolder
     return opened;
 }
 
-void DurableJournal::Intend(const ActionRecord& record) { Append(JournalLine('R', record)); }
-
-void DurableJournal::Intend(const std::vector<ActionRecord>& records) {
+bool DurableJournal::Intend(const std::vector<ActionRecord>& records) {
     std::string lines;
     for (const ActionRecord& record : records) lines += JournalLine('R', record);
-    Append(lines);
+    return Append(lines);
 }
 
-void DurableJournal::Append(const std::string& line) {
-    if (!file_.valid()) return;
+bool DurableJournal::Settle(const std::vector<ActionRecord>& records) {
+    std::string lines;
+    for (const ActionRecord& record : records) lines += JournalLine('S', record);
+    return Append(lines);
+}
+
+bool DurableJournal::Append(const std::string& lines) {
+    if (!file_.valid()) return false;
+    if (lines.empty()) return true;
     ::SetFilePointer(file_.get(), 0, nullptr, FILE_END);
     DWORD written = 0;
-    Platform().WriteFile(file_.get(), line.data(), static_cast<DWORD>(line.size()), &written,
-                         nullptr);
     // On disk before the change it announces is made.
-    Platform().FlushFileBuffers(file_.get());
+    return Platform().WriteFile(file_.get(), lines.data(), static_cast<DWORD>(lines.size()),
+                                &written, nullptr) &&
+           written == lines.size() && Platform().FlushFileBuffers(file_.get());
 }
 
 void DurableJournal::Finish() {

@@ -1,25 +1,24 @@
 // The action journal lives in memory for one installation; a host that dies half-way would leave
-// renamed-aside files and no marker, with nothing that can undo them. So while an installation
-// runs, its journal is also written ahead to a file in the product's "CriticalFixes" folder:
-// each record is on disk, flushed, before the change it describes is made, and a change that
-// does not happen, or is undone, is marked settled. Recovery undoes what is still pending, newest
-// first, as Abort would, or finishes a commit that had begun.
+// renamed-aside files with nothing that can undo them. So while an installation runs, its
+// journal is also written ahead to a file in the product's "CriticalFixes" folder: each record is
+// on disk, flushed, before the change it describes is made, and a change that does not happen, or
+// is undone, is marked settled. Recovery undoes what is still pending, newest first, as Abort
+// would, or finishes a commit that had begun.
 //
 // The file is text, one line per entry, fields separated by tabs (paths hold no control
 // characters):
-//   F                      the installation has folder support on
-//   D                      the journal created the CriticalFixes folder
-//   R <code> <src> <dst>   a record, written before its change
-//   S <code> <src> <dst>   the newest pending record equal to it is settled (the change did not
-//                          happen, or it was undone)
-//   C                      the commit began: from here on only forward
-// A line without its line end was cut short by a crash before its change; it is ignored.
-// A replaced file's rename aside and its copy are announced in one write (one flush instead of
-// two); a crash before the rename then leaves the copy's record pending while the old file is
-// still under its own name, and recovery drops that record (see DropCopiesNotBegun).
+//   F                                     the installation has folder support on
+//   D                                     the journal created the CriticalFixes folder
+//   R <code> <src> <dst> <type> <identity>  a record, written before its change
+//   S <code> <src> <dst> <type> <identity>  the newest pending record equal to it is settled
+//   C                                     the commit began: from here on only forward
+// A last line without its line end was cut short by a crash before its change; it is ignored.
+// Any other line, or a settlement of nothing, means the file is not one this library wrote, and
+// recovery refuses to act on it.
 #pragma once
 
 #include "common/Handles.h"
+#include "installer/ActionRecord.h"
 
 #include <functional>
 #include <string>
@@ -27,12 +26,11 @@
 
 namespace kite {
 
-struct ActionRecord;
-
 constexpr const char* kJournalFileName = "kite_journal.dat";
 
 // What a journal file says is still to settle.
 struct PendingJournal {
+    bool wellFormed = true;
     std::vector<ActionRecord> records;  // oldest first
     bool folderSupport = false;
     bool createdFolder = false;
@@ -40,36 +38,35 @@ struct PendingJournal {
 };
 
 PendingJournal ReadJournalText(const std::string& text);
+std::string JournalLine(char kind, const ActionRecord& record);
 // Takes out each pending copy record that follows the rename aside of the same file when nothing
 // is under the GUID name: the rename never happened, and the copy's undo would delete the old
 // file. Returns what it took out, for the journal to mark settled before any undo step: once the
 // rename's own record is settled, a later recovery could no longer tell.
 std::vector<ActionRecord> DropCopiesNotBegun(std::vector<ActionRecord>& records,
                                              const std::function<bool(const std::string&)>& exists);
-std::string JournalLine(char kind, const ActionRecord& record);
 
 // "<product folder>\CriticalFixes\kite_journal.dat".
 std::string JournalPath(const std::string& productFolder);
 
 class DurableJournal {
   public:
-    // Starts a new journal file; false (and no journal) when it cannot be created.
+    // Starts a new journal file; false (and no journal) when it cannot be created or written.
     bool Begin(const std::string& productFolder, bool folderSupport);
     // Continues the journal file of an interrupted installation.
     bool Resume(const std::string& productFolder, bool createdFolder);
-    bool active() const { return file_.valid(); }
 
-    void Intend(const ActionRecord& record);
-    // Changes made one after the other, announced in one write and one flush.
-    void Intend(const std::vector<ActionRecord>& records);
-    void Settled(const ActionRecord& record) { Append(JournalLine('S', record)); }
-    void Committing() { Append("C\n"); }
+    // Changes made one after the other, announced in one write and one flush. False when the
+    // write or the flush failed: the changes must not be made.
+    bool Intend(const std::vector<ActionRecord>& records);
+    bool Settle(const std::vector<ActionRecord>& records);
+    bool Committing() { return Append("C\n"); }
     // Deletes the file, and the CriticalFixes folder when the journal made it and it is empty.
     void Finish();
 
   private:
     bool Open(const std::string& productFolder, DWORD disposition);
-    void Append(const std::string& line);
+    bool Append(const std::string& lines);
 
     UniqueHandle file_;
     std::string path_;

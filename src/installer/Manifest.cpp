@@ -20,12 +20,24 @@ ptree ParseManifest(const char* text) {
     return manifest;
 }
 
-ManifestCommand ReadCommand(const ptree& command) {
-    ManifestCommand values;
+PlannedCommand ReadCommand(const ptree& command) {
+    PlannedCommand values;
     values.src = command.get<std::string>("src");
     values.dst = command.get<std::string>("dst");
     values.serverType = command.get<int>("register");
+    if (const boost::optional<std::string> digest = command.get_optional<std::string>("sha256")) {
+        values.hasDigest = true;
+        values.sha256 = *digest;
+    }
     return values;
+}
+
+std::vector<PlannedCommand> ReadCommands(const ptree& commands) {
+    std::vector<PlannedCommand> plan;
+    for (const ptree::value_type& child : commands) {
+        if (child.first == "command") plan.push_back(ReadCommand(child.second));
+    }
+    return plan;
 }
 
 }  // namespace kite

@@ -2,9 +2,12 @@
 // folder-support switch and one "command" element per file to install.
 #pragma once
 
+#include "installer/CommandCheck.h"
+
 #include <boost/property_tree/ptree.hpp>
 
 #include <string>
+#include <vector>
 
 namespace kite {
 
@@ -14,15 +17,11 @@ using boost::property_tree::ptree;
 // not XML or that nests deeper than the reader can safely descend.
 ptree ParseManifest(const char* text);
 
-// One command's values, read with throwing gets from the command's own subtree.
-struct ManifestCommand {
-    std::string src;
-    std::string dst;
-    int serverType;
-};
-ManifestCommand ReadCommand(const ptree& command);
+// One command's values, read with throwing gets from the command's own subtree; "sha256" is
+// optional.
+PlannedCommand ReadCommand(const ptree& command);
 
-// Whether a child of "commands" is a command: the whole key, case-sensitively.
-inline bool IsCommand(const ptree::value_type& child) { return child.first == "command"; }
+// Every child of "commands" whose key is exactly "command", in document order.
+std::vector<PlannedCommand> ReadCommands(const ptree& commands);
 
 }  // namespace kite

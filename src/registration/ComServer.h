@@ -58,6 +58,10 @@ std::unique_ptr<IComServer> CreateComServer(const std::string& path, unsigned in
                                             bool folderSupport);
 std::unique_ptr<IComServer> DetectComServer(const std::string& path, unsigned int serverType);
 
+// Registers (reg non-zero) or unregisters the server file through the object of its kind; S_OK
+// for a type below 1. Throws "Not a valid COM server" as CreateComServer does.
+HRESULT RegisterServer(const std::string& path, int reg, int serverType, bool folderSupport);
+
 // 0 or above: the file is a .NET assembly; below 0: it is not, or the runtime could not say.
 HRESULT IsDotNetAssembly(const std::string& path);
 

@@ -7,11 +7,14 @@
 // (telemetry, restore, event) reach parts of the library that no export offers; for them kitehost
 // links the library itself and does not load the DLL.
 #include "KITEUpdate.h"
+#include "common/Sha256.h"
 #include "installer/KiteInstaller.h"
 #include "telemetry/DownloadServer.h"
 #include "telemetry/TelemetryReporter.h"
 
 #include <windows.h>
+
+#include <boost/property_tree/xml_parser.hpp>
 
 #include <cstdio>
 #include <cstdlib>
@@ -212,8 +215,8 @@ int RunUpdate(HMODULE dll, const Args& args) {
     try {
         const kite::ptree tree = kite::ParseManifest(manifest.c_str());
         product = tree.get<std::string>("commands.appdir");
-        for (const kite::ptree::value_type& child : tree.get_child("commands")) {
-            if (kite::IsCommand(child)) files.push_back(kite::ReadCommand(child.second).dst);
+        for (const kite::PlannedCommand& command : kite::ReadCommands(tree.get_child("commands"))) {
+            files.push_back(command.dst);
         }
     } catch (const std::exception& error) {
         std::fprintf(stderr, "kitehost: %s\\manifest.xml cannot be read: %s\n", package.c_str(),
@@ -267,6 +270,37 @@ int RunUpdate(HMODULE dll, const Args& args) {
     return result == 0 ? 0 : 5;
 }
 
+// For package authors: the manifest with the sha256 of every command's source filled in, so that
+// the installer verifies each payload before it changes anything.
+int RunDigest(HMODULE, const Args& args) {
+    std::ifstream in(args[0], std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    try {
+        kite::ptree tree = kite::ParseManifest(text.str().c_str());
+        for (kite::ptree::value_type& child : tree.get_child("commands")) {
+            if (child.first != "command") continue;
+            const std::string src = child.second.get<std::string>("src");
+            kite::UniqueHandle file(::CreateFileA(src.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                                  nullptr, OPEN_EXISTING, 0, nullptr));
+            const std::string digest = file ? kite::Sha256OfFile(file.get()) : std::string();
+            if (digest.empty()) {
+                std::fprintf(stderr, "kitehost: %s cannot be read\n", src.c_str());
+                return 2;
+            }
+            child.second.put("sha256", digest);
+        }
+        std::ostringstream out;
+        boost::property_tree::write_xml(
+            out, tree, boost::property_tree::xml_writer_make_settings<std::string>(' ', 2));
+        std::fputs(out.str().c_str(), stdout);
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kitehost: %s cannot be read: %s\n", args[0].c_str(), error.what());
+        return 2;
+    }
+}
+
 const Command kCommands[] = {
     {"applicable", "applicable <level> <settings.ini>", 2, 2, true, RunApplicable},
     {"force", "force <product folder>", 1, 1, true, RunForce},
@@ -283,6 +317,8 @@ const Command kCommands[] = {
     {"recover", "recover <product folder>", 1, 1, true, RunRecover},
     {"update", "update <package folder>  (holding kite.ini and manifest.xml)", 1, 1, true,
      RunUpdate},
+    {"digest", "digest <manifest.xml>  (linked library) print it with every source's sha256", 1, 1,
+     false, RunDigest},
 };
 
 int Usage() {

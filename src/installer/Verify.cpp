@@ -1,0 +1,60 @@
+#include "installer/Verify.h"
+
+#include "common/Sha256.h"
+
+#include <cctype>
+
+namespace kite {
+
+namespace {
+
+constexpr const char* kCommonKey = "Software\\Tolvix\\TallowmereCommon";
+constexpr const char* kRequireDigestsValue = "KiteRequireDigests";
+
+std::string Lower(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+}  // namespace
+
+std::string ReparseRefusal(const std::string& appdir, const std::string& path) {
+    for (std::string::size_type at = appdir.size(); at != std::string::npos;) {
+        const std::string::size_type next = path.find('\\', at + 1);
+        const std::string step = path.substr(0, next);
+        const DWORD attributes = ::GetFileAttributesA(step.c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES) return std::string();
+        if (attributes & FILE_ATTRIBUTE_REPARSE_POINT)
+            return "a junction or link stands at " + step;
+        at = next;
+    }
+    return std::string();
+}
+
+bool DigestsRequired() {
+    DWORD value = 0;
+    DWORD bytes = sizeof value;
+    return ::RegGetValueA(HKEY_LOCAL_MACHINE, kCommonKey, kRequireDigestsValue, RRF_RT_REG_DWORD,
+                          nullptr, &value, &bytes) == ERROR_SUCCESS &&
+           value == 1;
+}
+
+std::string DigestRefusal(const PlannedCommand& command, UniqueHandle& held) {
+    if (!command.hasDigest) return "it carries no sha256 and the policy requires one";
+    if (!IsSha256Text(command.sha256)) {
+        return "its sha256 \"" + command.sha256 + "\" is not 64 hexadecimal digits";
+    }
+    held.reset(::CreateFileA(command.src.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    const std::string actual = held ? Sha256OfFile(held.get()) : std::string();
+    if (actual.empty()) {
+        return "its source " + command.src + " cannot be read, GetLastError " +
+               std::to_string(::GetLastError());
+    }
+    if (actual != Lower(command.sha256)) {
+        return "sha256 of " + command.src + " is " + actual + ", expected " + Lower(command.sha256);
+    }
+    return std::string();
+}
+
+}  // namespace kite
