@@ -20,7 +20,7 @@ int CKiteInstaller::RegisterFiles(const ptree& commands) {
         if (_access(dst.c_str(), 0) != 0 || serverType < 1 || serverType > highestType) continue;
         const ActionRecord registered{dst, std::to_string(serverType), kUnregisterAgain};
         durable.Intend(registered);
-        if (RegisterServer(dst, 1, serverType) != 0) {
+        if (kite::RegisterServer(dst, 1, serverType, folderSupport_) != S_OK) {
             durable.Settled(registered);
             ok = 0;
             failed = dst;
@@ -39,19 +39,9 @@ int CKiteInstaller::RegisterFiles(const ptree& commands) {
     return ok;
 }
 
+// The rollback's way in; the work is the registration room's.
 HRESULT CKiteInstaller::RegisterServer(const std::string& path, int reg, int serverType) {
-    ScopeLog log("RegisterServer");
-    log << "File: " << path << " Register: " << reg << "ServerType: " << serverType << std::endl;
-    if (serverType < 1) return 0;
-    // An unmappable type or file throws through to the installation's handler, which undoes it.
-    HRESULT hr = E_FAIL;
-    {
-        const std::unique_ptr<IComServer> server =
-            CreateComServer(path, static_cast<unsigned int>(serverType), folderSupport_);
-        hr = reg != 0 ? server->Register() : server->Unregister();
-    }
-    log << "HRESULT = " << std::hex << static_cast<unsigned long>(hr) << std::endl;
-    return hr;
+    return kite::RegisterServer(path, reg, serverType, folderSupport_);
 }
 
 }  // namespace kite

@@ -1,0 +1,37 @@
+#include "registration/RegistrationFixtures.h"
+#include "support/KiteServers.h"
+
+namespace {
+
+using kitetest::Quote;
+
+class PlantedToolTest : public kitetest::RegistrationTest {};
+
+// regsvr32 copies planted beside the host program and in its current folder never run: the
+// installation registers its server through the system folder's regsvr32.
+TEST_F(PlantedToolTest, PlantedRegsvr32NeverRuns) {
+    kitetest::KiteServers servers;
+    servers.ServeConfiguration(kitetest::CollectorConfiguration(servers.collector));
+    const std::string host = folder_ / "host", product = folder_ / "product";
+    kitetest::CreateFolders(product);
+    const std::string planted[] = {InstallRecorder(host + "\\regsvr32.exe"),
+                                   InstallRecorder(folder_ / "regsvr32.exe")};
+    for (const char* file : {"kiteinstall.exe", "KITEUpdate.dll"}) {
+        kitetest::CopyFileTo(kitetest::ExeFolder() + "\\" + file, host + "\\" + file);
+    }
+    kitetest::WriteFileBytes(host + "\\kite.xml",
+                             "<commands><appdir>" + product + "</appdir><command><src>" +
+                                 Fixture("kitecom_ok.dll", "srv.dll") + "</src><dst>" + product +
+                                 "\\srv.dll</dst><register>2</register></command></commands>");
+    char previous[MAX_PATH] = {};
+    ::GetCurrentDirectoryA(MAX_PATH, previous);
+    ::SetCurrentDirectoryA(folder_.path().c_str());
+    const kitetest::ProcessResult installed =
+        kitetest::RunProcess(Quote(host + "\\kiteinstall.exe") + " " + Quote(host + "\\kite.xml"));
+    ::SetCurrentDirectoryA(previous);
+    EXPECT_EQ(installed.exitCode, 0u) << installed.output;
+    EXPECT_TRUE(Registered("srv.dll"));
+    for (const std::string& tool : planted) EXPECT_EQ(Calls(tool), "") << tool;
+}
+
+}  // namespace
