@@ -13,17 +13,17 @@ TEST_F(PlantedToolTest, PlantedRegsvr32NeverRuns) {
     kitetest::KiteServers servers;
     servers.ServeConfiguration(kitetest::CollectorConfiguration(servers.collector));
     const std::string host = folder_ / "host", product = folder_ / "product";
-    kitetest::CreateFolders(product);
     const std::string planted[] = {InstallRecorder(host + "\\regsvr32.exe"),
                                    InstallRecorder(folder_ / "regsvr32.exe")};
     for (const char* file : {"kiteinstall.exe", "KITEUpdate.dll"}) {
         kitetest::CopyFileTo(kitetest::ExeFolder() + "\\" + file, host + "\\" + file);
     }
+    kitetest::CreateFolders(product);
     kitetest::WriteFileBytes(host + "\\kite.xml",
                              "<commands><appdir>" + product + "</appdir><command><src>" +
                                  Fixture("kitecom_ok.dll", "srv.dll") + "</src><dst>" + product +
                                  "\\srv.dll</dst><register>2</register></command></commands>");
-    char previous[MAX_PATH] = {};
+    char previous[MAX_PATH] = {}, system[MAX_PATH] = {};
     ::GetCurrentDirectoryA(MAX_PATH, previous);
     ::SetCurrentDirectoryA(folder_.path().c_str());
     const kitetest::ProcessResult installed =
@@ -32,6 +32,10 @@ TEST_F(PlantedToolTest, PlantedRegsvr32NeverRuns) {
     EXPECT_EQ(installed.exitCode, 0u) << installed.output;
     EXPECT_TRUE(Registered("srv.dll"));
     for (const std::string& tool : planted) EXPECT_EQ(Calls(tool), "") << tool;
+    const std::string regsvr32 = std::string(system, ::GetSystemDirectoryA(system, MAX_PATH));
+    EXPECT_NE(
+        ReadLog().find(Quote(regsvr32 + "\\regsvr32.exe") + " /s " + Quote(product + "\\srv.dll")),
+        std::string::npos);
 }
 
 }  // namespace

@@ -29,11 +29,9 @@ class RegistrationTest : public LogTest {
         installed_.push_back(path);
         return path;
     }
-    static std::string Calls(const std::string& program) {
-        return ReadFileBytes(program + ".calls");
-    }
-    static void SetExitCode(const std::string& program, int code) {
-        WriteFileBytes(program + ".exit", std::to_string(code));
+    static std::string Calls(const std::string& tool) { return ReadFileBytes(tool + ".calls"); }
+    static void SetExitCode(const std::string& tool, int code) {
+        WriteFileBytes(tool + ".exit", std::to_string(code));
     }
     // Whether the server's DllRegisterServer has run (and DllUnregisterServer not since).
     static bool Registered(const std::string& name) {
