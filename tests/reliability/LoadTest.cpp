@@ -66,7 +66,7 @@ LogCheck CheckLog(const std::string& log, const std::set<std::string>& scopes) {
         "|src = " +
         path +
         ", reg=[01], server=2"
-        "|\"regsvr32\\.exe\" /s \"" +
+        "|\"C:\\\\windows\\\\system32\\\\regsvr32\\.exe\" /s \"" +
         path +
         "\"|Process creation: 1|Exit code: 0"
         "|File: " +
