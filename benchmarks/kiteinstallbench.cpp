@@ -533,8 +533,8 @@ int Profile(const std::string& root, int count) {
         kite::DurableJournal journal;
         journal.Begin(package.root + "\\product", false);
         time("journal-record", [&](int i) {
-            journal.Intend(
-                kite::ActionRecord{package.ProductPath(i % package.count), "", kite::kFilePlaced});
+            journal.Intend({kite::ActionRecord{package.ProductPath(i % package.count), "",
+                                               kite::Action::FilePlaced}});
         });
         journal.Finish();
     }

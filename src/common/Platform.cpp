@@ -29,6 +29,7 @@ PlatformCalls RealPlatform() {
     calls.OpenProcessToken = ::OpenProcessToken;
     calls.GetTokenInformation = ::GetTokenInformation;
     calls.CreateProcessA = ::CreateProcessA;
+    calls.WaitForSingleObject = ::WaitForSingleObject;
     calls.GetFileVersionInfoSizeA = ::GetFileVersionInfoSizeA;
     calls.GetFileVersionInfoA = ::GetFileVersionInfoA;
     calls.VerQueryValueA = ::VerQueryValueA;

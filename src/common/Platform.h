@@ -20,6 +20,8 @@ struct PlatformCalls {
     decltype(&::OpenProcessToken) OpenProcessToken;
     decltype(&::GetTokenInformation) GetTokenInformation;
     decltype(&::CreateProcessA) CreateProcessA;
+    // Waits for started programs; a test shortens their time limit here.
+    decltype(&::WaitForSingleObject) WaitForSingleObject;
     decltype(&::MoveFileA) MoveFileA;
     decltype(&::CopyFileA) CopyFileA;
     // The installation's journal file.

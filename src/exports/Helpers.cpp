@@ -33,6 +33,17 @@ int AdminByElevation(std::ostream& log) {
     }
 }
 
+// Waits for a started program within the time limit; one that has not ended by then is ended, so
+// that nothing it holds stays locked for the undo that follows its failure.
+bool EndedInTime(HANDLE process, std::ostream& log) {
+    if (Platform().WaitForSingleObject(process, kLongestProgramWaitMs) != WAIT_TIMEOUT) return true;
+    ::TerminateProcess(process, WAIT_TIMEOUT);
+    Platform().WaitForSingleObject(process, kLongestProgramWaitMs);
+    log << "Program still running after " << kLongestProgramWaitMs / 1000 << " seconds: ended"
+        << std::endl;
+    return false;
+}
+
 }  // namespace
 
 int CheckIsUserAdmin() {
@@ -63,7 +74,9 @@ int LaunchAndWait(const char* program, const char* arguments, const DWORD* wait)
     if (!created) return StatusOfError(error);
     UniqueHandle process(started.hProcess);
     UniqueHandle thread(started.hThread);
-    if (*wait != 0) ::WaitForSingleObject(process.get(), INFINITE);
+    if (*wait != 0 && !EndedInTime(process.get(), log)) {
+        return static_cast<int>(HRESULT_FROM_WIN32(WAIT_TIMEOUT));
+    }
     DWORD exitCode = 0xFFFFFFFFUL;
     ::GetExitCodeProcess(process.get(), &exitCode);
     process.reset();

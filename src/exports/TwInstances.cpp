@@ -73,8 +73,10 @@ bool ModulePathMatchesFilter(const char* modulePath, const char* filter) {
 extern "C" int GetCountOfTwInstances(const char* folderFilter) {
     try {
         // Toolhelp is looked up by name, so a system without it answers -1 instead of refusing to
-        // load the library.
-        kite::UniqueModule kernel(::LoadLibraryA("KERNEL32.DLL"));
+        // load the library. Only the system folder is searched: the host's folder and the
+        // current one may hold a planted copy.
+        kite::UniqueModule kernel(
+            ::LoadLibraryExA("KERNEL32.DLL", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
         if (!kernel) return -1;
         const auto createSnapshot =
             kite::Lookup<kite::CreateSnapshotFn>(kernel.get(), "CreateToolhelp32Snapshot");

@@ -130,9 +130,10 @@ bool DurableJournal::Settle(const std::vector<ActionRecord>& records) {
     return Append(lines);
 }
 
+// An installer whose journal was never begun (a step called on its own) keeps its records in
+// memory only; an installation refuses to start when it cannot begin one.
 bool DurableJournal::Append(const std::string& lines) {
-    if (!file_.valid()) return false;
-    if (lines.empty()) return true;
+    if (!file_.valid() || lines.empty()) return true;
     ::SetFilePointer(file_.get(), 0, nullptr, FILE_END);
     DWORD written = 0;
     // On disk before the change it announces is made.

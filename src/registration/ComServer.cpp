@@ -16,66 +16,111 @@ namespace {
 
 const DWORD kWait = 1;
 
+// A program's exit code or a start's failure status, read as a status.
+HRESULT Run(const char* program, const std::string& arguments) {
+    return static_cast<HRESULT>(LaunchAndWait(program, arguments.c_str(), &kWait));
+}
+
 std::string Regsvr32Arguments(const std::string& path, bool reg) {
     return std::string("/s ") + (reg ? "" : "/u ") + "\"" + path + "\"";
 }
 
-// Loads the server into this process and calls its own registration entry. The server's folder
-// becomes the DLL directory so that libraries shipped beside it are found; it stays set for the
-// process.
-HRESULT RegisterInProcess(const char* scope, const std::string& path, bool reg) {
+// The server's folder is the DLL directory while the server loads and registers, so that
+// libraries shipped beside it are found. The host's own setting (or none) comes back afterwards:
+// left set, every later load in the host would search a package's folder.
+class DllDirectoryOfServer {
+  public:
+    explicit DllDirectoryOfServer(const std::string& folder) {
+        std::string saved(MAX_PATH + 1, '\0');
+        DWORD chars = ::GetDllDirectoryA(static_cast<DWORD>(saved.size()), &saved[0]);
+        if (chars >= saved.size()) {
+            saved.resize(chars + 1);
+            chars = ::GetDllDirectoryA(static_cast<DWORD>(saved.size()), &saved[0]);
+        }
+        hadOne_ = chars > 0 && chars < saved.size();
+        saved_ = saved.substr(0, hadOne_ ? chars : 0);
+        ::SetDllDirectoryA(folder.c_str());
+    }
+    ~DllDirectoryOfServer() { ::SetDllDirectoryA(hadOne_ ? saved_.c_str() : nullptr); }
+    DllDirectoryOfServer(const DllDirectoryOfServer&) = delete;
+    DllDirectoryOfServer& operator=(const DllDirectoryOfServer&) = delete;
+
+  private:
+    std::string saved_;
+    bool hadOne_ = false;
+};
+
+// Loads the server into this process and calls its own registration entry.
+HRESULT LoadAndCallEntry(std::ostream& log, const std::string& path, std::size_t slash, bool reg) {
+    const char* entry = reg ? "DllRegisterServer" : "DllUnregisterServer";
+    const DllDirectoryOfServer directory(path.substr(0, slash));
+    UniqueModule server(Platform().LoadLibraryA(path.c_str()));
+    if (!server) {
+        const DWORD error = ::GetLastError();
+        log << "Failed to load DLL. GetLastError: " << error << std::endl;
+        return static_cast<HRESULT>(StatusOfError(error));
+    }
+    using Entry = HRESULT(STDAPICALLTYPE*)();
+    const auto call =
+        reinterpret_cast<Entry>(reinterpret_cast<void*>(::GetProcAddress(server.get(), entry)));
+    log << entry << " : " << reinterpret_cast<const void*>(call) << std::endl;
+    return call != nullptr ? call() : E_INVALIDARG;
+}
+
+HRESULT RegisterInProcessLogged(const char* scope, const std::string& path, bool reg) {
     ScopeLog log(scope);
     log << "server: " << path << " register: " << reg << std::endl;
-    HRESULT result = E_FAIL;
     const std::string::size_type slash = path.rfind('\\');
-    if (!path.empty() && slash != std::string::npos) {
-        const char* entry = reg ? "DllRegisterServer" : "DllUnregisterServer";
-        ::SetDllDirectoryA(path.substr(0, slash).c_str());
-        UniqueModule server(Platform().LoadLibraryA(path.c_str()));
-        if (!server) {
-            const DWORD error = ::GetLastError();
-            log << "Failed to load DLL. GetLastError: " << error << std::endl;
-            result = StatusOfError(error);
-        } else {
-            using Entry = HRESULT(STDAPICALLTYPE*)();
-            const auto call = reinterpret_cast<Entry>(
-                reinterpret_cast<void*>(::GetProcAddress(server.get(), entry)));
-            log << entry << " : " << reinterpret_cast<const void*>(call) << std::endl;
-            result = call != nullptr ? call() : E_INVALIDARG;
-        }
-    }
+    const HRESULT result = path.empty() || slash == std::string::npos
+                               ? E_FAIL
+                               : LoadAndCallEntry(log, path, slash, reg);
     log << "HRESULT: " << std::hex << static_cast<unsigned long>(result) << std::endl;
     return result;
+}
+
+// regsvr32 by its full path: started by its bare name, the host's folder and the current
+// folder would be searched first, and a copy planted there would run as administrator.
+HRESULT Regsvr32Path(char (&program)[261], bool bits32) {
+    if (bits32) {
+        if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_SYSTEMX86, nullptr, 0, program)))
+            return E_FAIL;
+    } else {
+        const UINT chars = ::GetSystemDirectoryA(program, sizeof program);
+        if (chars == 0 || chars >= sizeof program) return E_FAIL;
+    }
+    AppendBounded(program, "\\regsvr32.exe");
+    return S_OK;
 }
 
 }  // namespace
 
 HRESULT CInProcServer::RegisterWithRegsvr32(bool reg) {
-    if (LaunchAndWait("regsvr32.exe", Regsvr32Arguments(path, reg).c_str(), &kWait) == 0) return 0;
-    return _Register(reg);
+    char program[261] = {};
+    if (FAILED(Regsvr32Path(program, false))) return E_FAIL;
+    if (Run(program, Regsvr32Arguments(path, reg)) == S_OK) return S_OK;
+    return RegisterInProcess(reg);
 }
 
-HRESULT CInProcServer::_Register(bool reg) {
-    return RegisterInProcess("CInProcServer::_Register", path, reg);
+HRESULT CInProcServer::RegisterInProcess(bool reg) {
+    return RegisterInProcessLogged("CInProcServer::_Register", path, reg);
 }
 
 HRESULT CInProc32Server::RegisterWithRegsvr32(bool reg) {
     char program[261] = {};
-    if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_SYSTEMX86, nullptr, 0, program))) return E_FAIL;
-    AppendBounded(program, "\\regsvr32.exe");
-    if (LaunchAndWait(program, Regsvr32Arguments(path, reg).c_str(), &kWait) == 0) return 0;
+    if (FAILED(Regsvr32Path(program, true))) return E_FAIL;
+    if (Run(program, Regsvr32Arguments(path, reg)) == S_OK) return S_OK;
     // Loading a 32-bit server into this 64-bit process normally fails; its load error is then
     // the most telling answer.
-    return _Register(reg);
+    return RegisterInProcess(reg);
 }
 
-HRESULT CInProc32Server::_Register(bool reg) {
-    return RegisterInProcess("CInProc32Server::_Register", path, reg);
+HRESULT CInProc32Server::RegisterInProcess(bool reg) {
+    return RegisterInProcessLogged("CInProc32Server::_Register", path, reg);
 }
 
-HRESULT COutProcServer::Register() { return LaunchAndWait(path.c_str(), "/regserver", &kWait); }
+HRESULT COutProcServer::Register() { return Run(path.c_str(), "/regserver"); }
 
-HRESULT COutProcServer::Unregister() { return LaunchAndWait(path.c_str(), "/unregserver", &kWait); }
+HRESULT COutProcServer::Unregister() { return Run(path.c_str(), "/unregserver"); }
 
 namespace {
 
@@ -99,7 +144,7 @@ std::string RuntimeDirectory(ScopeLog& log) {
 
 }  // namespace
 
-HRESULT CDotNetAssembly::_Register(bool reg) {
+HRESULT CDotNetAssembly::RunRegasm(bool reg) {
     ScopeLog log("CDotNetAssembly::_Register");
     log << "Assembly: " << path << " register: " << (reg ? 1 : 0) << std::endl;
     // Deliberately the 32-bit Framework folder, not Framework64.
@@ -110,12 +155,23 @@ HRESULT CDotNetAssembly::_Register(bool reg) {
         regasm = folder.empty() ? std::string() : folder + "\\regasm.exe";
     }
     log << "regasm: " << regasm << std::endl;
-    HRESULT result = E_FAIL;
-    if (_access(regasm.c_str(), 0) == 0) {
-        const std::string arguments = "\"" + path + "\" /silent" + (reg ? " /tlb" : " /unregister");
-        result = LaunchAndWait(regasm.c_str(), arguments.c_str(), &kWait);
+    if (_access(regasm.c_str(), 0) != 0) return E_FAIL;
+    return Run(regasm.c_str(), "\"" + path + "\" /silent" + (reg ? " /tlb" : " /unregister"));
+}
+
+HRESULT RegisterServer(const std::string& path, int reg, int serverType, bool folderSupport) {
+    ScopeLog log("RegisterServer");
+    log << "File: " << path << " Register: " << reg << "ServerType: " << serverType << std::endl;
+    if (serverType < 1) return S_OK;
+    // An unmappable type or file throws through to the installation's handler, which undoes it.
+    HRESULT hr = E_FAIL;
+    {
+        const std::unique_ptr<IComServer> server =
+            CreateComServer(path, static_cast<unsigned int>(serverType), folderSupport);
+        hr = reg != 0 ? server->Register() : server->Unregister();
     }
-    return result;
+    log << "HRESULT = " << std::hex << static_cast<unsigned long>(hr) << std::endl;
+    return hr;
 }
 
 }  // namespace kite

@@ -1,6 +1,7 @@
 // The component servers a package can carry, each knowing how to register and unregister one
 // file: in-process DLLs and OCX controls (native and 32-bit), out-of-process EXE servers, and
-// .NET assemblies. Every operation answers an HRESULT in which only 0 means success.
+// .NET assemblies. Every operation answers an HRESULT in which S_OK alone means success: S_FALSE
+// from a server's registration entry is a failure too.
 #pragma once
 
 #include <windows.h>
@@ -19,13 +20,13 @@ class IComServer {
     std::string path;
 };
 
-// regsvr32 of the platform's own bitness, from the search path.
+// regsvr32 of the platform's own bitness, from the system folder.
 class CInProcServer : public IComServer {
   public:
     HRESULT Register() override { return RegisterWithRegsvr32(true); }
     HRESULT Unregister() override { return RegisterWithRegsvr32(false); }
     HRESULT RegisterWithRegsvr32(bool reg);
-    HRESULT _Register(bool reg);
+    HRESULT RegisterInProcess(bool reg);
 };
 
 // regsvr32 of the 32-bit system folder.
@@ -34,7 +35,7 @@ class CInProc32Server : public IComServer {
     HRESULT Register() override { return RegisterWithRegsvr32(true); }
     HRESULT Unregister() override { return RegisterWithRegsvr32(false); }
     HRESULT RegisterWithRegsvr32(bool reg);
-    HRESULT _Register(bool reg);
+    HRESULT RegisterInProcess(bool reg);
 };
 
 // An EXE server registers itself.
@@ -47,9 +48,9 @@ class COutProcServer : public IComServer {
 // regasm of the .NET 4 runtime.
 class CDotNetAssembly : public IComServer {
   public:
-    HRESULT Register() override { return _Register(true); }
-    HRESULT Unregister() override { return _Register(false); }
-    HRESULT _Register(bool reg);
+    HRESULT Register() override { return RunRegasm(true); }
+    HRESULT Unregister() override { return RunRegasm(false); }
+    HRESULT RunRegasm(bool reg);
 };
 
 // The server object for a file: by the manifest's server type, or for types 1 and 5 by the file
@@ -58,11 +59,12 @@ std::unique_ptr<IComServer> CreateComServer(const std::string& path, unsigned in
                                             bool folderSupport);
 std::unique_ptr<IComServer> DetectComServer(const std::string& path, unsigned int serverType);
 
-// Registers (reg non-zero) or unregisters the server file through the object of its kind; S_OK
-// for a type below 1. Throws "Not a valid COM server" as CreateComServer does.
-HRESULT RegisterServer(const std::string& path, int reg, int serverType, bool folderSupport);
-
 // 0 or above: the file is a .NET assembly; below 0: it is not, or the runtime could not say.
 HRESULT IsDotNetAssembly(const std::string& path);
+
+// Registers (reg non-zero) or unregisters the file as the server kind that serverType and the
+// folder-support flag give it; S_OK without doing anything when serverType is below 1. Throws
+// std::runtime_error("Not a valid COM server") when no kind fits.
+HRESULT RegisterServer(const std::string& path, int reg, int serverType, bool folderSupport);
 
 }  // namespace kite

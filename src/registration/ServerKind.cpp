@@ -32,7 +32,7 @@ std::unique_ptr<IComServer> DetectComServer(const std::string& path, unsigned in
     const bool bits32 = serverType == 5;
     if (extension == nullptr) return nullptr;
     if (ExtensionIs(extension, "dll")) {
-        if (IsDotNetAssembly(path) >= 0) return std::make_unique<CDotNetAssembly>();
+        if (SUCCEEDED(IsDotNetAssembly(path))) return std::make_unique<CDotNetAssembly>();
         if (bits32) return std::make_unique<CInProc32Server>();
         return std::make_unique<CInProcServer>();
     }

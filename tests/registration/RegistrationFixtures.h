@@ -1,11 +1,8 @@
-// Fixtures of the registration tests: the built component servers copied into a test folder,
-// the recording stand-ins installed where the platform's tools would be, and the registry key
-// that the servers write when they are registered.
+// Fixtures of the registration tests: built component servers copied into the test's folder,
+// recording stand-ins put where a tool would be, and the key the servers write when registered.
 #pragma once
 
 #include "support/KiteTest.h"
-
-#include <shlwapi.h>
 
 #include <string>
 #include <vector>
@@ -16,42 +13,30 @@ class RegistrationTest : public LogTest {
   public:
     ~RegistrationTest() override {
         for (const std::string& path : installed_) {
-            ::DeleteFileA(path.c_str());
-            ::DeleteFileA((path + ".calls").c_str());
-            ::DeleteFileA((path + ".exit").c_str());
+            for (const char* suffix : {"", ".calls", ".exit"})
+                ::DeleteFileA((path + suffix).c_str());
         }
         ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\KiteTest");
     }
-
-    // A built fixture copied into the test's folder under the given name.
     std::string Fixture(const std::string& built, const std::string& name) {
         CreateFolders(folder_ / "servers");
-        const std::string path = folder_ / ("servers\\" + name);
-        CopyFileTo(FixturePath(built), path);
-        return path;
+        CopyFileTo(FixturePath(built), folder_ / ("servers\\" + name));
+        return folder_ / ("servers\\" + name);
     }
-
-    // The recording program installed at a tool's path, removed again after the test.
     std::string InstallRecorder(const std::string& path) {
         CreateFolders(path.substr(0, path.rfind('\\')));
         CopyFileTo(FixturePath("kiterecorder.exe"), path);
         installed_.push_back(path);
         return path;
     }
-
-    static std::string Calls(const std::string& program) {
-        return ReadFileBytes(program + ".calls");
+    static std::string Calls(const std::string& tool) { return ReadFileBytes(tool + ".calls"); }
+    static void SetExitCode(const std::string& tool, int code) {
+        WriteFileBytes(tool + ".exit", std::to_string(code));
     }
-    static void SetExitCode(const std::string& program, int code) {
-        WriteFileBytes(program + ".exit", std::to_string(code));
-    }
-
     // Whether the server's DllRegisterServer has run (and DllUnregisterServer not since).
     static bool Registered(const std::string& name) {
-        char value[32] = {};
-        DWORD bytes = sizeof value;
         return ::RegGetValueA(HKEY_LOCAL_MACHINE, "Software\\KiteTest\\Servers", name.c_str(),
-                              RRF_RT_REG_SZ, nullptr, value, &bytes) == ERROR_SUCCESS;
+                              RRF_RT_REG_SZ, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
     }
 
   private:
