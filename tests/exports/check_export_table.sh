@@ -10,9 +10,9 @@ expected="1 GetCountOfTwInstances
 5 IsKITEApplicable
 6 IsKITEToBeForceApplied
 7 RecoverKite"
-names=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/s/^\s*\[\s*[0-9]*\] \(.*\)$/\1/p' <<<"$table")
-ordinals=$(sed -n 's/^\s*\[\s*[0-9]*\] +base\[\s*\([0-9]*\)\].*/\1/p' <<<"$table")
-actual=$(paste -d' ' <(echo "$ordinals") <(echo "$names"))
+# Each name with the index of its entry in the address table: ordinal = index + 1 (the base).
+actual=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/s/^\s*\[\s*\([0-9]*\)\] \(.*\)$/\1 \2/p' \
+    <<<"$table" | awk '{print $1 + 1, $2}' | sort -n)
 [ "$actual" = "$expected" ] || { printf 'export table:\n%s\nexpected:\n%s\n' "$actual" "$expected"; exit 1; }
 system="ADVAPI32 KERNEL32 msvcrt ole32 OLEAUT32 SHELL32 USER32 VERSION WININET urlmon SHLWAPI"
 for dll in $(sed -n 's/^\s*DLL Name: \(.*\)\.dll$/\1/ip' <<<"$table"); do

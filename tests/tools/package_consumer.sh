@@ -9,13 +9,14 @@ rm -rf "$work" && mkdir -p "$work/unpacked"
 (cd "$build" && cpack -G ZIP -B "$work" >/dev/null)
 (cd "$work/unpacked" && cmake -E tar xf "$work"/KITEUpdate-*-win64.zip)
 prefix=$(echo "$work"/unpacked/KITEUpdate-*-win64)
-objdump=$(dirname "$(command -v x86_64-w64-mingw32-objdump)")/x86_64-w64-mingw32-objdump
-"$objdump" -h "$prefix/bin/KITEUpdate.dll" | grep -q '\.gnu_debuglink'
-! "$objdump" -h "$prefix/bin/KITEUpdate.dll" | grep -q '\.debug_info'
-"$objdump" -h "$prefix/bin/KITEUpdate.dll.debug" | grep -q '\.debug_info'
+dll=$(x86_64-w64-mingw32-objdump -h "$prefix/bin/KITEUpdate.dll")
+symbols=$(x86_64-w64-mingw32-objdump -h "$prefix/bin/KITEUpdate.dll.debug")
+grep -q '\.gnu_debuglink' <<<"$dll" && ! grep -q '\.debug_info' <<<"$dll" &&
+    grep -q '\.debug_info' <<<"$symbols" || { echo "no stripped DLL with its debug file"; exit 1; }
 cmake -S "$source/examples" -B "$work/example" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/example" >/dev/null
 cp "$prefix/bin/KITEUpdate.dll" "$work/example/"
+rm -rf "$WINEPREFIX/drive_c/kitetest/package-consumer"
 mkdir -p "$WINEPREFIX/drive_c/kitetest/package-consumer"
 /usr/lib/wine/wine64 "$work/example/kiteforcecheck.exe" 'C:\kitetest\package-consumer' | tr -d '\r'
