@@ -47,15 +47,14 @@ TEST_F(ExportsTest, AnswersAndLogLines) {
     kitetest::CreateFolders(product / "CriticalFixes");
     kitetest::WriteFileBytes(product / "CriticalFixes\\force_apply_kite.dat", "");
     kitetest::WriteFileBytes(other / "kite.ini", "[KITEApplicability]\r\nSlipstreams=R3,,R5\r\n");
-    const std::string suffix = "kitetest-" + std::to_string(::GetCurrentProcessId());
-    const std::string key = "SOFTWARE\\Tolvix\\Tallowmere\\33.0\\" + suffix;
+    const std::string key = "SOFTWARE\\Tolvix\\Tallowmere\\33.0\\kitetest";
     kitetest::RegistryKey versionKey(key);
     kitetest::RegistryValue version(key, "TWVersion");
     const auto applicable = dll_.Get<IsKITEApplicableFn>("IsKITEApplicable");
     const auto force = dll_.Get<IsKITEToBeForceAppliedFn>("IsKITEToBeForceApplied");
     const auto registry = [&](const char* text) {
         version.SetString(text);
-        return dll_.Get<GetTwSlipstreamFn>("GetTwSlipstream")(33, suffix.c_str());
+        return dll_.Get<GetTwSlipstreamFn>("GetTwSlipstream")(33, "kitetest");
     };
     const auto file = [&](const std::string& line) {
         return Trail("GetSlipStreamFromFile", "GetFileVersion() returned " + line + "\r\n");
