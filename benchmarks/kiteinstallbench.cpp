@@ -534,7 +534,7 @@ int Profile(const std::string& root, int count) {
         journal.Begin(package.root + "\\product", false);
         time("journal-record", [&](int i) {
             journal.Intend({kite::ActionRecord{package.ProductPath(i % package.count), "",
-                                               kite::Action::FilePlaced}});
+                                               kite::Action::FilePlaced, 0, ""}});
         });
         journal.Finish();
     }

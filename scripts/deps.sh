@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(
     cmake ninja-build g++-mingw-w64-x86-64 wine64 wine libboost-dev googletest
-    python3 openssl mono-mcs
+    python3 openssl mono-mcs clang lld
 )
 missing=()
 for package in "${packages[@]}"; do

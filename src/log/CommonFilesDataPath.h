@@ -39,7 +39,7 @@ class ProductParameterReader {
     std::string keyPath_;
     long status_ = kStatusOk;
     std::vector<char> buffer_;
-    REGSAM access_;
+    [[maybe_unused]] REGSAM access_;
 };
 
 constexpr std::size_t kWorkAreaBytes = 520;

@@ -4,26 +4,20 @@
 
 namespace {
 
-struct ListRow {
-    const char* list;
-    std::vector<int> levels;
-};
-
-TEST(SlipstreamList, DropsEachItemsTagAndSkipsEmptyItems) {
-    const ListRow rows[] = {
-        {"R3,R5", {3, 5}},
-        {"R3,,R5", {3, 5}},
-        {",R3,R5,", {3, 5}},
-        {"3,5", {0, 0}},
-        {"17", {7}},
-        {"R", {0}},
-        {"", {}},
-        {",,", {}},
-        {"R 12x,R-4,Rz", {12, -4, 0}},
-        {"R99999999999", {2147483647}},
+// Each item's first character is a tag that is never read; empty items are skipped.
+TEST(SlipstreamList, CoversALevelWhenAnItemAfterItsTagReadsIt) {
+    const struct {
+        const char* list;
+        int level;
+        bool covers;
+    } rows[] = {
+        {"R3,R5", 5, true}, {"R3,R5", 4, false}, {",R3,,R5,", 5, true}, {"3,5", 3, false},
+        {"3,5", 0, true},   {"17", 7, true},     {"R", 0, true},        {"", 0, false},
+        {",,", 0, false},   {"R 12x", 12, true}, {"R-4", -4, true},
     };
-    for (const ListRow& row : rows) {
-        EXPECT_EQ(kite::ParseSlipstreamList(row.list), row.levels) << "list \"" << row.list << '"';
+    for (const auto& row : rows) {
+        EXPECT_EQ(kite::SlipstreamListCovers(row.list, row.level), row.covers)
+            << '"' << row.list << "\" @" << row.level;
     }
 }
 
