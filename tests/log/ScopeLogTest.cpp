@@ -38,23 +38,25 @@ TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesAndKeepTheLastError) {
     EXPECT_EQ(ReadLog().substr(0, 11), today);
 }
 
-// A host that keeps running follows a new data folder.
+// A host that keeps running recreates a deleted log and follows a new data folder.
 TEST_F(ScopeLogTest, NextScopeFollowsTheDataFolder) {
     { kite::ScopeLog log("First"); }
+    ASSERT_TRUE(::DeleteFileA(LogPath().c_str()));
+    { kite::ScopeLog log("Again"); }
     kitetest::TempFolder other("moved");
     kitetest::CreateFolders(other / "twupdate\\log");
     dataPath_.SetString(other.path());
     { kite::ScopeLog log("Second"); }
-    EXPECT_EQ(ReadMaskedLog(), Trail("First", ""));
+    EXPECT_EQ(ReadMaskedLog(), Trail("Again", ""));
     EXPECT_EQ(MaskStamps(kitetest::ReadFileBytes(other / "twupdate\\log\\CRITICALFIXES.LOG")),
               Trail("Second", ""));
 }
 
-// A log deleted, renamed or grown over 100 MiB while an installation runs is started afresh by
+// A log renamed or grown over 100 MiB while an installation runs is started afresh by
 // its next scope.
 TEST_F(ScopeLogTest, NextScopeStartsAFreshLogWhenTheOldIsGoneOrTooLarge) {
     const std::string path = LogPath(), old = path + ".old";
-    for (const LONGLONG size : {0LL, 1LL, 104857600LL, 104857601LL}) {  // 0 deleted, 1 renamed
+    for (const LONGLONG size : {1LL, 104857600LL, 104857601LL}) {  // 1: renamed
         ClearLog();
         {
             kite::ScopeLog outer("Outer");
@@ -65,8 +67,7 @@ TEST_F(ScopeLogTest, NextScopeStartsAFreshLogWhenTheOldIsGoneOrTooLarge) {
             ASSERT_TRUE(size < 2 ||
                         (::SetFilePointerEx(file, end, nullptr, 0) && ::SetEndOfFile(file)));
             ::CloseHandle(file);
-            ASSERT_TRUE(size > 1 || (size ? ::MoveFileA(path.c_str(), old.c_str())
-                                          : ::DeleteFileA(path.c_str())));
+            ASSERT_TRUE(size > 1 || ::MoveFileA(path.c_str(), old.c_str()));
             kite::ScopeLog inner("Inner");
         }
         const std::string log = ReadLog();
