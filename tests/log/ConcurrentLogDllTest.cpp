@@ -3,8 +3,6 @@
 #include "support/KiteServers.h"
 
 #include <future>
-#include <map>
-#include <sstream>
 #include <thread>
 
 namespace {
@@ -69,7 +67,6 @@ TEST_F(ConcurrentLogTest, InstallationFinishesWhileAnotherProcessHoldsTheLineLoc
     EXPECT_EQ(installing.wait_for(std::chrono::seconds(60)), std::future_status::ready);
     ::SetEvent(stop);
     EXPECT_EQ(installing.get(), 0);
-    EXPECT_EQ(kitetest::ReadFileBytes(folder_ / "product\\new.txt"), "new");
     EXPECT_NE(ReadMaskedLog().find("<stamp> : Exiting CKiteInstaller::Install\r\n"),
               std::string::npos);
     ::WaitForSingleObject(holder, 60000);

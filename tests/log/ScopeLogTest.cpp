@@ -3,8 +3,6 @@
 
 #include "support/KiteTest.h"
 
-#include <tuple>
-
 namespace {
 
 using kitetest::MaskStamps;
@@ -60,8 +58,8 @@ TEST_F(ScopeLogTest, NextScopeStartsAFreshLogWhenTheOldIsGoneOrTooLarge) {
         ClearLog();
         {
             kite::ScopeLog outer("Outer");
-            LARGE_INTEGER end;
-            end.QuadPart = size;  // a sparse file: no 100 MiB are written
+            const LARGE_INTEGER end = {
+                {static_cast<DWORD>(size), 0}};  // sparse: no 100 MiB written
             HANDLE file =
                 ::CreateFileA(path.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, 0);
             ASSERT_TRUE(size < 2 ||
@@ -94,10 +92,9 @@ TEST(CommonFilesDataPath, OnlyAStringShorterThan260CharactersIsTheFolder) {
         const char* read = nullptr;
         EXPECT_EQ(reader->GetParameter("CommonFilesDataPath", &read), status);
         EXPECT_EQ(read ? read : "<none>", status == 0 ? text : "<none>") << text.size();
-        char workArea[kite::kWorkAreaBytes] = {};
-        const char* found = kite::GetCommonFilesDataPath(workArea);
-        EXPECT_EQ(found ? found : "<none>", folder ? text : "<none>") << text.size();
-        EXPECT_TRUE(!found || found == workArea + 260);
+        char area[kite::kWorkAreaBytes] = {};
+        const char* found = kite::GetCommonFilesDataPath(area);
+        EXPECT_EQ(found == area + 260 ? found : "<none>", folder ? text : "<none>") << text.size();
     }
 }
 
