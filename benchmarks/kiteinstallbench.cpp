@@ -9,7 +9,8 @@
 //   kiteinstallbench profile <root> <count>           what the steps of one traced file cost
 //   kiteinstallbench clean <root>                     deletes what prepare made
 //
-// <sizes> is "64k" (every file 64 KiB) or "mixed" (4 KiB doubling up to 8 MiB, then again).
+// <sizes> is "64k" (every file 64 KiB), "8m" (every file 8 MiB) or "mixed" (4 KiB doubling up
+// to 8 MiB, then again).
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
 #include "installer/DurableJournal.h"
@@ -157,8 +158,9 @@ int Prepare(const std::string& root, int count, const std::string& sizes) {
     }
     std::ofstream list(root + "\\sizes.txt");
     for (int i = 0; i < count; ++i) {
-        const unsigned long size =
-            sizes == "mixed" ? 4096UL << (i % 12) : static_cast<unsigned long>(64 * 1024);
+        const unsigned long size = sizes == "mixed" ? 4096UL << (i % 12)
+                                   : sizes == "8m"  ? 8UL << 20
+                                                    : 64UL << 10;
         list << size << "\n";
         WriteFile(root + "\\package\\" + FileName(i), size, 'n');
         WriteFile(root + "\\product\\" + FileName(i), size, 'o');
@@ -578,7 +580,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::fprintf(stderr,
-                 "usage: kiteinstallbench prepare <root> <count> 64k|mixed\n"
+                 "usage: kiteinstallbench prepare <root> <count> 64k|8m|mixed\n"
                  "       kiteinstallbench run <root> <runs> [<msi>]\n"
                  "       kiteinstallbench memory <root>\n"
                  "       kiteinstallbench profile <root> <count>\n"
