@@ -11,6 +11,10 @@
 #                                        12 minutes
 #   bash benchmarks/install.sh --quick   3 runs, 64 KiB files only, no MSI; about 5 minutes
 #
+#   KITE_BENCH_SHAPES="1000:64k" KITE_BENCH_TELEMETRY=off bash benchmarks/install.sh
+#                                        only the packages (count:64k|8m|mixed) and telemetry
+#                                        settings named
+#
 # Everything it generates under the prefix is deleted at the end.
 set -euo pipefail
 quick=0
@@ -79,12 +83,13 @@ else
     runs=5
     shapes="10:64k 100:64k 1000:64k 20:8m 10:mixed 100:mixed"
 fi
+shapes=${KITE_BENCH_SHAPES:-$shapes}
 msi=0
 if [ $quick = 0 ] && command -v wixl >/dev/null; then msi=1; fi
 [ $quick = 0 ] && [ $msi = 0 ] && echo "wixl is not installed: no MSI peer (apt-get install wixl)"
 
 : >"$results"
-for telemetry in off on; do
+for telemetry in ${KITE_BENCH_TELEMETRY:-off on}; do
     [ $telemetry = on ] && enable=true || enable=false
     start_bench_servers $enable
     for shape in $shapes; do
