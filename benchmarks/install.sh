@@ -6,9 +6,14 @@
 # memory and the cost of the pieces of one traced file.
 #
 #   bash benchmarks/install.sh           5 runs each; 64 KiB files at 10, 100 and 1000 files,
-#                                        mixed sizes at 10 and 100; the MSI peer when wixl is
-#                                        installed (apt-get install wixl); about 10 minutes
+#                                        20 files of 8 MiB, mixed sizes at 10 and 100; the MSI
+#                                        peer when wixl is installed (apt-get install wixl); about
+#                                        12 minutes
 #   bash benchmarks/install.sh --quick   3 runs, 64 KiB files only, no MSI; about 5 minutes
+#
+#   KITE_BENCH_SHAPES="1000:64k" KITE_BENCH_TELEMETRY=off bash benchmarks/install.sh
+#                                        only the packages (count:64k|8m|mixed) and telemetry
+#                                        settings named
 #
 # Everything it generates under the prefix is deleted at the end.
 set -euo pipefail
@@ -76,14 +81,15 @@ if [ $quick = 1 ]; then
     shapes="10:64k 100:64k 1000:64k"
 else
     runs=5
-    shapes="10:64k 100:64k 1000:64k 10:mixed 100:mixed"
+    shapes="10:64k 100:64k 1000:64k 20:8m 10:mixed 100:mixed"
 fi
+shapes=${KITE_BENCH_SHAPES:-$shapes}
 msi=0
 if [ $quick = 0 ] && command -v wixl >/dev/null; then msi=1; fi
 [ $quick = 0 ] && [ $msi = 0 ] && echo "wixl is not installed: no MSI peer (apt-get install wixl)"
 
 : >"$results"
-for telemetry in off on; do
+for telemetry in ${KITE_BENCH_TELEMETRY:-off on}; do
     [ $telemetry = on ] && enable=true || enable=false
     start_bench_servers $enable
     for shape in $shapes; do

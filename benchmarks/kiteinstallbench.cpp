@@ -9,7 +9,8 @@
 //   kiteinstallbench profile <root> <count>           what the steps of one traced file cost
 //   kiteinstallbench clean <root>                     deletes what prepare made
 //
-// <sizes> is "64k" (every file 64 KiB) or "mixed" (4 KiB doubling up to 8 MiB, then again).
+// <sizes> is "64k" (every file 64 KiB), "8m" (every file 8 MiB) or "mixed" (4 KiB doubling up
+// to 8 MiB, then again).
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
 #include "installer/DurableJournal.h"
@@ -157,8 +158,9 @@ int Prepare(const std::string& root, int count, const std::string& sizes) {
     }
     std::ofstream list(root + "\\sizes.txt");
     for (int i = 0; i < count; ++i) {
-        const unsigned long size =
-            sizes == "mixed" ? 4096UL << (i % 12) : static_cast<unsigned long>(64 * 1024);
+        const unsigned long size = sizes == "mixed" ? 4096UL << (i % 12)
+                                   : sizes == "8m"  ? 8UL << 20
+                                                    : 64UL << 10;
         list << size << "\n";
         WriteFile(root + "\\package\\" + FileName(i), size, 'n');
         WriteFile(root + "\\product\\" + FileName(i), size, 'o');
@@ -492,9 +494,12 @@ int Profile(const std::string& root, int count) {
         localtime_s(&local, &now);
         (void)kite::FormatTimeStamp(local);
     });
+    // Alone, a scope opens and closes the log; inside an outer one (as every scope of an
+    // installation is) it finds the file already open and only checks it.
     time("empty-scope", [](int) { kite::ScopeLog log("kiteinstallbench::Profile"); });
     {
         kite::ScopeLog log("kiteinstallbench::Profile");
+        time("nested-empty-scope", [](int) { kite::ScopeLog inner("kiteinstallbench::Nested"); });
         time("message-line", [&log](int i) { log << "message " << i << std::endl; });
     }
     // The pieces of a traced scope besides the lookup: the size query and open of the log,
@@ -523,7 +528,8 @@ int Profile(const std::string& root, int count) {
             OVERLAPPED lock = {};
             lock.Offset = 0xFFFFFFFEUL;
             lock.OffsetHigh = 0x7FFFFFFFUL;
-            ::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lock);
+            ::LockFileEx(file.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
+                         &lock);
             ::UnlockFileEx(file.get(), 0, 1, 0, &lock);
         });
     }
@@ -574,7 +580,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::fprintf(stderr,
-                 "usage: kiteinstallbench prepare <root> <count> 64k|mixed\n"
+                 "usage: kiteinstallbench prepare <root> <count> 64k|8m|mixed\n"
                  "       kiteinstallbench run <root> <runs> [<msi>]\n"
                  "       kiteinstallbench memory <root>\n"
                  "       kiteinstallbench profile <root> <count>\n"

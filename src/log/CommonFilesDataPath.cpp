@@ -62,4 +62,43 @@ char* GetCommonFilesDataPath(char* workArea) {
     }
 }
 
+namespace {
+
+// Without it Windows drops an asynchronous notification when the thread that armed it ends; the
+// hosts' threads come and go. A platform that refuses the flag gets the plain notification, whose
+// early signal only costs one more lookup.
+#ifndef REG_NOTIFY_THREAD_AGNOSTIC
+#define REG_NOTIFY_THREAD_AGNOSTIC 0x10000000L
+#endif
+constexpr DWORD kValueChanges = REG_NOTIFY_CHANGE_NAME | REG_NOTIFY_CHANGE_LAST_SET;
+
+}  // namespace
+
+bool CommonFilesDataPathWatch::Unchanged() const {
+    return armed_ && ::WaitForSingleObject(changed_.get(), 0) == WAIT_TIMEOUT;
+}
+
+const char* CommonFilesDataPathWatch::Current() {
+    if (!Unchanged()) Refresh();
+    return folder_;
+}
+
+void CommonFilesDataPathWatch::Refresh() {
+    armed_ = false;
+    if (!changed_) changed_.reset(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    // Armed before the value is read, so that a change made during the read is not missed. The
+    // key is opened anew each time: a deleted and recreated key is another key.
+    if (changed_ && ::ResetEvent(changed_.get()) &&
+        ::RegOpenKeyExA(HKEY_LOCAL_MACHINE, kCommonBranchKey, 0, KEY_READ, key_.put()) ==
+            ERROR_SUCCESS) {
+        armed_ =
+            ::RegNotifyChangeKeyValue(key_.get(), FALSE, kValueChanges | REG_NOTIFY_THREAD_AGNOSTIC,
+                                      changed_.get(), TRUE) == ERROR_SUCCESS ||
+            ::RegNotifyChangeKeyValue(key_.get(), FALSE, kValueChanges, changed_.get(), TRUE) ==
+                ERROR_SUCCESS;
+    }
+    std::memset(workArea_, 0, sizeof workArea_);
+    folder_ = GetCommonFilesDataPath(workArea_);
+}
+
 }  // namespace kite

@@ -49,4 +49,23 @@ constexpr std::size_t kPathChars = 260;
 // returns that half, or nullptr when any step fails (a value of 260 characters or more included).
 char* GetCommonFilesDataPath(char* workArea);
 
+// The common files data path kept between lookups: the registry is read again only once a change
+// under the key has been notified (or when no notification could be armed, as when the key is
+// missing). Not synchronised: its owner serialises the calls.
+class CommonFilesDataPathWatch {
+  public:
+    // The folder, or nullptr when the lookup fails; valid until the next call.
+    const char* Current();
+
+  private:
+    bool Unchanged() const;
+    void Refresh();
+
+    UniqueRegKey key_;
+    UniqueHandle changed_;
+    bool armed_ = false;
+    char workArea_[kWorkAreaBytes] = {};
+    const char* folder_ = nullptr;
+};
+
 }  // namespace kite

@@ -1,7 +1,10 @@
 #include "log/ScopeLog.h"
 
 #include "common/BoundedFormat.h"
+#include "common/Handles.h"
 #include "log/CommonFilesDataPath.h"
+
+#include <mutex>
 
 namespace kite {
 
@@ -28,26 +31,131 @@ class LastErrorKeeper {
     DWORD error_;
 };
 
-unsigned long long FileSizeOf(const char* path) {
+struct FileAtPath {
+    bool exists;
+    unsigned long long size;
+};
+
+// A stat by path, answered without opening the file.
+FileAtPath LookAt(const char* path) {
     WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!::GetFileAttributesExA(path, GetFileExInfoStandard, &data)) return 0;
-    return (static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+    if (!::GetFileAttributesExA(path, GetFileExInfoStandard, &data)) return {false, 0};
+    return {true, (static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow};
+}
+
+// The one log handle and data folder of the process, shared by every scope of every thread; its
+// lock also keeps the process's own lines whole, so the file's line lock only ever waits for
+// other processes.
+class SharedLog {
+  public:
+    bool Enter();
+    void Leave();
+    bool Append(const std::string& text);
+
+  private:
+    bool HandleNamesFileAt(const FileAtPath& file) const;
+    bool TakeLineLock(OVERLAPPED* lock);
+
+    std::mutex mutex_;
+    CommonFilesDataPathWatch folder_;
+    std::string path_;
+    UniqueHandle file_;
+    int scopes_ = 0;
+    bool lockGivenUp_ = false;
+};
+
+// The file at the path is still the handle's when the handle's file has a name left and both
+// report the same size. A file put in its place (the log renamed aside and another started)
+// differs in size as soon as either has been written; a size that moved because another process
+// appended in between only costs one reopening.
+bool SharedLog::HandleNamesFileAt(const FileAtPath& file) const {
+    FILE_STANDARD_INFO info;
+    return file_ && file.exists &&
+           ::GetFileInformationByHandleEx(file_.get(), FileStandardInfo, &info, sizeof info) &&
+           !info.DeletePending && info.NumberOfLinks > 0 &&
+           static_cast<unsigned long long>(info.EndOfFile.QuadPart) == file.size;
+}
+
+bool SharedLog::Enter() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    const char* folder = folder_.Current();
+    // Without a folder there is nothing that could be opened; the scope stays silent.
+    if (folder == nullptr) return false;
+    char path[kPathChars];
+    FormatBounded(path, "%s\\twupdate\\log\\CRITICALFIXES.LOG", folder);
+    const FileAtPath file = LookAt(path);
+    const bool truncate = file.size > kLogTruncateAboveBytes;
+    if (truncate || path_ != path || !HandleNamesFileAt(file)) {
+        path_ = path;
+        // GENERIC_WRITE (not append-only access) because Windows requires write access for
+        // LockFileEx. Deleting and renaming stay open to others while the handle is held.
+        file_.reset(::CreateFileA(
+            path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+            truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    }
+    if (!file_) return false;
+    ++scopes_;
+    return true;
+}
+
+void SharedLog::Leave() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    // Between the host's calls the file is not held open: it can be moved or its folder removed.
+    if (--scopes_ == 0) file_.reset();
+}
+
+bool SharedLog::TakeLineLock(OVERLAPPED* lock) {
+    const ULONGLONG deadline = ::GetTickCount64() + (lockGivenUp_ ? 0 : kLineLockPatienceMs);
+    for (;;) {
+        if (::LockFileEx(file_.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
+                         lock)) {
+            lockGivenUp_ = false;
+            return true;
+        }
+        if (::GetTickCount64() >= deadline) {
+            lockGivenUp_ = true;
+            return false;
+        }
+        ::Sleep(1);
+    }
+}
+
+bool SharedLog::Append(const std::string& text) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    if (!file_) return false;
+    OVERLAPPED lock = {};
+    lock.Offset = kLineLockOffsetLow;
+    lock.OffsetHigh = kLineLockOffsetHigh;
+    const bool locked = TakeLineLock(&lock);
+    // Both offset words at 0xFFFFFFFF: write at the current end of the file.
+    OVERLAPPED atEnd = {};
+    atEnd.Offset = 0xFFFFFFFFUL;
+    atEnd.OffsetHigh = 0xFFFFFFFFUL;
+    DWORD written = 0;
+    const bool ok =
+        ::WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()), &written, &atEnd) &&
+        written == text.size();
+    if (locked) ::UnlockFileEx(file_.get(), 0, 1, 0, &lock);
+    return ok;
+}
+
+// Goes with the library: a host that unloads it keeps no key, event or file of the log.
+SharedLog& TheLog() {
+    static SharedLog log;
+    return log;
 }
 
 }  // namespace
 
-bool LogFileBuffer::Open(const char* path, bool truncate) {
-    // GENERIC_WRITE (not append-only access) because Windows requires write access for LockFileEx.
-    file_.reset(::CreateFileA(path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                              truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                              nullptr));
-    return file_.valid();
+bool LogFileBuffer::Open() {
+    open_ = TheLog().Enter();
+    return open_;
 }
 
-bool LogFileBuffer::Close() {
-    const bool flushed = sync() == 0;
-    const bool closed = !file_.valid() || ::CloseHandle(file_.release());
-    return flushed && closed;
+void LogFileBuffer::Close() {
+    sync();
+    if (open_) TheLog().Leave();
+    open_ = false;
 }
 
 void LogFileBuffer::Put(char c) {
@@ -69,27 +177,9 @@ std::streamsize LogFileBuffer::xsputn(const char* text, std::streamsize count) {
 int LogFileBuffer::sync() {
     if (pending_.empty()) return 0;
     const LastErrorKeeper keeper;
-    const bool written = AppendAtEnd(pending_);
+    const bool written = open_ && TheLog().Append(pending_);
     pending_.clear();
     return written ? 0 : -1;
-}
-
-bool LogFileBuffer::AppendAtEnd(const std::string& text) {
-    if (!file_.valid()) return false;
-    OVERLAPPED lock = {};
-    lock.Offset = kLineLockOffsetLow;
-    lock.OffsetHigh = kLineLockOffsetHigh;
-    const bool locked = ::LockFileEx(file_.get(), LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &lock);
-    // Both offset words at 0xFFFFFFFF: write at the current end of the file.
-    OVERLAPPED atEnd = {};
-    atEnd.Offset = 0xFFFFFFFFUL;
-    atEnd.OffsetHigh = 0xFFFFFFFFUL;
-    DWORD written = 0;
-    const bool ok =
-        ::WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()), &written, &atEnd) &&
-        written == text.size();
-    if (locked) ::UnlockFileEx(file_.get(), 0, 1, 0, &lock);
-    return ok;
 }
 
 std::string FormatTimeStamp(const std::tm& localTime) {
@@ -101,16 +191,7 @@ std::string FormatTimeStamp(const std::tm& localTime) {
 ScopeLog::ScopeLog(std::string scope) : std::ostream(nullptr), scope_(std::move(scope)) {
     const LastErrorKeeper keeper;
     rdbuf(&file_);
-    char workArea[kWorkAreaBytes] = {};
-    const char* folder = GetCommonFilesDataPath(workArea);
-    // Without a folder there is nothing that could be opened; the log stays silent.
-    bool opened = false;
-    if (folder != nullptr) {
-        char path[kPathChars];
-        FormatBounded(path, "%s\\twupdate\\log\\CRITICALFIXES.LOG", folder);
-        opened = file_.Open(path, FileSizeOf(path) > kLogTruncateAboveBytes);
-    }
-    if (opened) {
+    if (file_.Open()) {
         clear();
     } else {
         setstate(std::ios_base::failbit);
@@ -122,10 +203,10 @@ ScopeLog::~ScopeLog() {
     const LastErrorKeeper keeper;
     try {
         WriteMarkerLine(" : Exiting ");
+        file_.Close();
     } catch (...) {
         // A destructor runs during unwinding too; the log must never add a second exception.
     }
-    if (!file_.Close()) setstate(std::ios_base::failbit);
 }
 
 void ScopeLog::WriteMarkerLine(const char* marker) {

@@ -1,11 +1,14 @@
 // The update log "CRITICALFIXES.LOG". Every traced function owns one ScopeLog for its duration:
-// it opens the file, writes an entering line, takes the function's messages as an ordinary
-// std::ostream, and on destruction writes the exiting line and closes the file. Logging never
-// fails an operation: when the file cannot be opened every insertion is silently discarded, and
-// the thread's last error code is left as the log found it.
+// it writes an entering line, takes the function's messages as an ordinary std::ostream, and on
+// destruction writes the exiting line. Logging never fails an operation: when the file cannot be
+// opened every insertion is silently discarded, and the thread's last error code is left as the
+// log found it.
+//
+// The scopes of a process share one handle on the file, opened by the outermost live scope and
+// closed when the last one ends, and one cached data folder, read again only after the registry
+// reports a change. Every scope entry still makes sure that the handle names the file now at the
+// log's path and that the file is not over the size limit.
 #pragma once
-
-#include "common/Handles.h"
 
 #include <ctime>
 #include <ostream>
@@ -16,12 +19,19 @@ namespace kite {
 
 constexpr unsigned long long kLogTruncateAboveBytes = 104857600ULL;
 
-// Text-mode output on a shared file handle: "\n" reaches the file as CR LF, and each flush
+// How long a line waits for the line lock that another writer holds. After that the line is
+// written without it: a line that may interleave is better than an installation frozen by
+// whoever can open the log. Once a wait has run out, later lines try once only until the lock is
+// taken again, so a lock held on purpose costs one wait, not one per line.
+constexpr unsigned long kLineLockPatienceMs = 100;
+
+// Text-mode output into the process's shared log: "\n" reaches the file as CR LF, and each flush
 // appends the pending text with one write at the end of the file.
 class LogFileBuffer : public std::streambuf {
   public:
-    bool Open(const char* path, bool truncate);
-    bool Close();
+    // Scope entry: whether the log file could be opened for this scope.
+    bool Open();
+    void Close();
 
   protected:
     int_type overflow(int_type c) override;
@@ -30,9 +40,8 @@ class LogFileBuffer : public std::streambuf {
 
   private:
     void Put(char c);
-    bool AppendAtEnd(const std::string& text);
 
-    UniqueHandle file_;
+    bool open_ = false;
     std::string pending_;
 };
 

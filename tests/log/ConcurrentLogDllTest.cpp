@@ -1,7 +1,9 @@
-#include "support/KiteTest.h"
+#include "KITEUpdate.h"
 
-#include <map>
-#include <sstream>
+#include "support/KiteServers.h"
+
+#include <future>
+#include <thread>
 
 namespace {
 
@@ -9,42 +11,66 @@ using kitetest::Quote;
 
 class ConcurrentLogTest : public kitetest::LogTest {};
 
-// Two hosts log through the DLL at the same moment: every line of both arrives, whole.
-TEST_F(ConcurrentLogTest, TwoProcessesLoggingAtOnceLoseNoLine) {
+// Two hosts and two threads of a third log through the DLL at once: every line arrives, whole.
+TEST_F(ConcurrentLogTest, ProcessesAndThreadsLoggingAtOnceLoseNoLine) {
     const int calls = 200;
-    kitetest::TempFolder package("package");
-    const char* lists[] = {"A7", "B8"};
-    HANDLE hosts[2];
-    for (int i = 0; i < 2; ++i) {
-        const std::string settings = package / (std::string(lists[i]) + ".ini");
-        kitetest::WriteFileBytes(
-            settings, std::string("[KITEApplicability]\r\nSlipstreams=") + lists[i] + "\r\n");
-        hosts[i] = kitetest::StartProcess(Quote(kitetest::ExeFolder() + "\\kitestress.exe") + " " +
-                                          Quote(settings) + " " + std::to_string(7 + i) + " " +
-                                          std::to_string(calls));
+    std::map<std::string, int> expected = {{"<stamp> : Entering IsKITEApplicable\r", 4 * calls},
+                                           {"<stamp> : Exiting IsKITEApplicable\r", 4 * calls},
+                                           {"Return value : 1\r", 4 * calls}};
+    kitetest::KiteDll dll;
+    const auto applicable = dll.Get<IsKITEApplicableFn>("IsKITEApplicable");
+    std::vector<HANDLE> hosts;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        const std::string list = "ABCD"[i] + std::to_string(7 + i);
+        const std::string settings = folder_ / (list + ".ini");
+        kitetest::WriteFileBytes(settings, "[KITEApplicability]\r\nSlipstreams=" + list + "\r\n");
+        expected["Applicability = " + list + "\r"] =
+            expected["Slipstream = " + list.substr(1) + "\r"] = calls;
+        if (i < 2) {
+            hosts.push_back(kitetest::StartProcess(
+                Quote(kitetest::ExeFolder() + "\\kitestress.exe") + " " + Quote(settings) + " " +
+                std::to_string(7 + i) + " " + std::to_string(calls)));
+        } else {
+            threads.emplace_back([=] {
+                for (int n = 0; n < calls; ++n) applicable(7 + i, settings);
+            });
+        }
     }
-    ASSERT_EQ(::WaitForMultipleObjects(2, hosts, TRUE, 120000), WAIT_OBJECT_0);
-    for (HANDLE host : hosts) {
-        DWORD code = 1;
-        ::GetExitCodeProcess(host, &code);
-        EXPECT_EQ(code, 0u);
-        ::CloseHandle(host);
-    }
-
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(::WaitForMultipleObjects(2, hosts.data(), TRUE, 120000), WAIT_OBJECT_0);
+    for (HANDLE host : hosts) ::CloseHandle(host);
     std::map<std::string, int> lines;
     std::istringstream log(ReadMaskedLog());
-    std::string line;
-    while (std::getline(log, line)) ++lines[line];
-    const std::map<std::string, int> expected = {
-        {"<stamp> : Entering IsKITEApplicable\r", 2 * calls},
-        {"<stamp> : Exiting IsKITEApplicable\r", 2 * calls},
-        {"Applicability = A7\r", calls},
-        {"Applicability = B8\r", calls},
-        {"Slipstream = 7\r", calls},
-        {"Slipstream = 8\r", calls},
-        {"Return value : 1\r", 2 * calls},
-    };
+    for (std::string line; std::getline(log, line);) ++lines[line];
     EXPECT_EQ(lines, expected);
+}
+
+// Anyone who can open the log can take its line lock; an installation still ends, and logs.
+TEST_F(ConcurrentLogTest, InstallationFinishesWhileAnotherProcessHoldsTheLineLock) {
+    kitetest::KiteServers servers;
+    kitetest::WriteFileBytes(folder_ / "new.txt", "new");
+    const std::string name = "kitelock-" + std::to_string(::GetCurrentProcessId());
+    HANDLE ready = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".ready").c_str());
+    HANDLE stop = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".stop").c_str());
+    HANDLE holder = kitetest::StartProcess(Quote(kitetest::ExeFolder() + "\\kitechild.exe") +
+                                           " lock " + Quote(LogPath()) + " " + name);
+    ASSERT_EQ(::WaitForSingleObject(ready, 60000), WAIT_OBJECT_0);
+    kitetest::KiteDll dll;
+    const std::string manifest = "<commands><appdir>" + (folder_ / "product") +
+                                 "</appdir><command><src>" + (folder_ / "new.txt") + "</src><dst>" +
+                                 (folder_ / "product\\new.txt") +
+                                 "</dst><register>0</register></command></commands>";
+    auto installing = std::async(std::launch::async, [&] {
+        return dll.Get<InstallKiteFn>("InstallKite")(manifest.c_str());
+    });
+    EXPECT_EQ(installing.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    ::SetEvent(stop);
+    EXPECT_EQ(installing.get(), 0);
+    EXPECT_NE(ReadMaskedLog().find("<stamp> : Exiting CKiteInstaller::Install\r\n"),
+              std::string::npos);
+    ::WaitForSingleObject(holder, 60000);
+    for (HANDLE h : {ready, stop, holder}) ::CloseHandle(h);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // A child program for the tests, copied under the product's names or started by the library:
 //   kitechild hold <name>              runs until the event "<name>.stop" is set
 //   kitechild record <file> <code> ... writes its own command line to <file>, exits with <code>
+//   kitechild lock <file> <name>       holds the update log's line-lock byte of <file>, sets
+//                                      "<name>.ready", and lets go when "<name>.stop" is set
 // While holding it owns the mutex "<name>.alive" and sets "<name>.ready" once it runs, so a test
 // knows when it is up and, from the abandoned mutex, when it has gone. It never outlives a
 // broken test by more than two minutes.
@@ -35,11 +37,31 @@ int Record(const char* file, const char* code) {
     return static_cast<int>(std::strtoul(code, nullptr, 0));
 }
 
+int Lock(const char* file, const std::string& name) {
+    HANDLE log = ::CreateFileA(file, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    HANDLE ready = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, (name + ".ready").c_str());
+    HANDLE stop = ::OpenEventA(SYNCHRONIZE, FALSE, (name + ".stop").c_str());
+    OVERLAPPED byte = {};
+    byte.Offset = 0xFFFFFFFEUL;
+    byte.OffsetHigh = 0x7FFFFFFFUL;
+    if (log == INVALID_HANDLE_VALUE || ready == nullptr || stop == nullptr ||
+        !::LockFileEx(log, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &byte)) {
+        return 2;
+    }
+    ::SetEvent(ready);
+    ::WaitForSingleObject(stop, kLongestHoldMs);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc == 3 && std::strcmp(argv[1], "hold") == 0) return Hold(argv[2]);
     if (argc >= 4 && std::strcmp(argv[1], "record") == 0) return Record(argv[2], argv[3]);
-    std::fprintf(stderr, "usage: kitechild hold <name> | kitechild record <file> <code> ...\n");
+    if (argc == 4 && std::strcmp(argv[1], "lock") == 0) return Lock(argv[2], argv[3]);
+    std::fprintf(stderr,
+                 "usage: kitechild hold <name> | kitechild record <file> <code> ... | "
+                 "kitechild lock <file> <name>\n");
     return 2;
 }
