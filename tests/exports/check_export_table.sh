@@ -14,7 +14,7 @@ expected="1 GetCountOfTwInstances
 actual=$(sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/s/^\s*\[\s*\([0-9]*\)\] \(.*\)$/\1 \2/p' \
     <<<"$table" | awk '{print $1 + 1, $2}' | sort -n)
 [ "$actual" = "$expected" ] || { printf 'export table:\n%s\nexpected:\n%s\n' "$actual" "$expected"; exit 1; }
-system="ADVAPI32 KERNEL32 msvcrt ole32 OLEAUT32 SHELL32 USER32 VERSION WININET urlmon SHLWAPI"
+system="ADVAPI32 bcrypt KERNEL32 msvcrt ole32 OLEAUT32 SHELL32 USER32 VERSION WININET urlmon SHLWAPI"
 for dll in $(sed -n 's/^\s*DLL Name: \(.*\)\.dll$/\1/ip' <<<"$table"); do
     grep -qiw -- "$dll" <<<"$system" || { echo "imports a non-system DLL: $dll.dll"; exit 1; }
 done

@@ -2,7 +2,6 @@
 // before the first change, and what the undo does when a new file cannot be deleted.
 #include "KITEUpdate.h"
 #include "installer/Package.h"
-#include "support/HeldFile.h"
 #include "support/PlatformOverride.h"
 
 #include <cstring>
@@ -132,8 +131,8 @@ TEST_F(InstallerTest, PayloadsAreVerifiedBeforeAnyChange) {
         ClearLog();
         policy.SetDword(row.policy);
         {
-            std::unique_ptr<HeldFile> holder;
-            if (row.held) holder = std::make_unique<HeldFile>(package.pkg() + "\\readme.txt");
+            HeldProgram holder;
+            if (row.held) holder.Start(HeldProgram::ProgramPath(), package.pkg() + "\\readme.txt");
             EXPECT_EQ(InstallKite(row.manifest.c_str()), row.result);
         }
         if (row.result != 0) {
@@ -216,7 +215,7 @@ TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
     RegistryValue pending(key, "PendingFileRenameOperations");
     pending.Delete();
     PlatformOverride platform;
-    static std::unique_ptr<HeldFile> holder;
+    static std::unique_ptr<HeldProgram> holder;
     static std::string program;
     static decltype(kite::PlatformCalls::CreateProcessA) start;
     program = package.app() + "\\tww.exe";
@@ -224,7 +223,10 @@ TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
     platform.calls().CreateProcessA = [](LPCSTR a, LPSTR b, LPSECURITY_ATTRIBUTES c,
                                          LPSECURITY_ATTRIBUTES d, BOOL e, DWORD f, LPVOID g,
                                          LPCSTR h, LPSTARTUPINFOA i, LPPROCESS_INFORMATION j) {
-        if (!holder) holder = std::make_unique<HeldFile>(program);
+        if (!holder) {
+            holder = std::make_unique<HeldProgram>();
+            holder->Start(HeldProgram::ProgramPath(), program);
+        }
         return start(a, b, c, d, e, f, g, h, i, j);
     };
     EXPECT_EQ(InstallKite(package.Manifest().c_str()), static_cast<long>(E_FAIL));

@@ -50,6 +50,7 @@ TEST_F(ConcurrentLogTest, ProcessesAndThreadsLoggingAtOnceLoseNoLine) {
 TEST_F(ConcurrentLogTest, InstallationFinishesWhileAnotherProcessHoldsTheLineLock) {
     kitetest::KiteServers servers;
     kitetest::WriteFileBytes(folder_ / "new.txt", "new");
+    kitetest::CreateFolders(folder_ / "product");
     const std::string name = "kitelock-" + std::to_string(::GetCurrentProcessId());
     HANDLE ready = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".ready").c_str());
     HANDLE stop = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".stop").c_str());

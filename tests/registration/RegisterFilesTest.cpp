@@ -30,7 +30,7 @@ TEST_F(RegisterFilesTest, WalkRegistersAndJournalsUntilTheFirstFailure) {
                                                                             {s, 6},
                                                                             {f, 2},
                                                                             {b, 2}}) {
-        plan.push_back(kite::PlannedCommand{"", dst, type});
+        plan.push_back(kite::PlannedCommand{"", dst, type, false, ""});
     }
     const std::tuple<bool, Lines, std::size_t, Lines> rows[] = {
         {false,

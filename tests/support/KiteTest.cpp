@@ -290,8 +290,9 @@ HeldProgram::~HeldProgram() {
 
 std::string HeldProgram::ProgramPath() { return ExeFolder() + "\\kitechild.exe"; }
 
-void HeldProgram::Start(const std::string& exePath) {
-    process_ = StartProcess(Quote(exePath) + " " + Arguments());
+void HeldProgram::Start(const std::string& exePath, const std::string& file) {
+    process_ =
+        StartProcess(Quote(exePath) + " " + Arguments() + (file.empty() ? "" : " " + Quote(file)));
     WaitUntilRunning();
 }
 

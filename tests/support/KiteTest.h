@@ -142,8 +142,9 @@ class HeldProgram {
 
     static std::string ProgramPath();
     std::string Arguments() const { return "hold " + name_; }
-    // Starts the program at exePath (a copy of ProgramPath()) and waits until it runs.
-    void Start(const std::string& exePath);
+    // Starts the program at exePath (a copy of ProgramPath()) and waits until it runs, holding
+    // the file, when one is named, open without sharing.
+    void Start(const std::string& exePath, const std::string& file = "");
     // Throws when the program has not come up within a minute (it never does when broken).
     void WaitUntilRunning();
     void Stop();

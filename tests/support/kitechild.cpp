@@ -1,5 +1,6 @@
 // A child program for the tests, copied under the product's names or started by the library:
-//   kitechild hold <name>              runs until the event "<name>.stop" is set
+//   kitechild hold <name> [file]       runs until the event "<name>.stop" is set, holding the
+//                                      file open without sharing, as a running program does
 //   kitechild record <file> <code> ... writes its own command line to <file>, exits with <code>
 //   kitechild lock <file> <name>       holds the update log's line-lock byte of <file>, sets
 //                                      "<name>.ready", and lets go when "<name>.stop" is set
@@ -17,7 +18,11 @@ namespace {
 
 constexpr DWORD kLongestHoldMs = 120000;
 
-int Hold(const std::string& name) {
+int Hold(const std::string& name, const char* file) {
+    if (file != nullptr && ::CreateFileA(file, GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0,
+                                         nullptr) == INVALID_HANDLE_VALUE) {
+        return 4;
+    }
     HANDLE alive = ::OpenMutexA(SYNCHRONIZE, FALSE, (name + ".alive").c_str());
     HANDLE ready = ::OpenEventA(EVENT_MODIFY_STATE, FALSE, (name + ".ready").c_str());
     HANDLE stop = ::OpenEventA(SYNCHRONIZE, FALSE, (name + ".stop").c_str());
@@ -57,11 +62,13 @@ int Lock(const char* file, const std::string& name) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 3 && std::strcmp(argv[1], "hold") == 0) return Hold(argv[2]);
+    if ((argc == 3 || argc == 4) && std::strcmp(argv[1], "hold") == 0) {
+        return Hold(argv[2], argc == 4 ? argv[3] : nullptr);
+    }
     if (argc >= 4 && std::strcmp(argv[1], "record") == 0) return Record(argv[2], argv[3]);
     if (argc == 4 && std::strcmp(argv[1], "lock") == 0) return Lock(argv[2], argv[3]);
     std::fprintf(stderr,
-                 "usage: kitechild hold <name> | kitechild record <file> <code> ... | "
+                 "usage: kitechild hold <name> [file] | kitechild record <file> <code> ... | "
                  "kitechild lock <file> <name>\n");
     return 2;
 }
