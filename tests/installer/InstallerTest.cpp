@@ -107,8 +107,7 @@ TEST_F(InstallerTest, PayloadsAreVerifiedBeforeAnyChange) {
     const std::string readme =
         Package::Command(package.pkg() + "\\readme.txt", package.app() + "\\readme.txt", 0,
                          std::string("<sha256>") + kReadmeDigest + "</sha256>");
-    const std::string onlyReadme =
-        "<commands><appdir>" + package.app() + "</appdir>" + readme + "</commands>";
+    const std::string onlyReadme = package.ManifestOf(readme);
     const std::string wrong = "<sha256>" + std::string(64, 'a') + "</sha256>";
     const struct {
         const char* what;
@@ -153,54 +152,32 @@ TEST_F(InstallerTest, PayloadsAreVerifiedBeforeAnyChange) {
               std::string::npos);
 }
 
-// The verified source stays held until it is copied: nobody can change it in between.
-TEST_F(InstallerTest, VerifiedSourceCannotChangeBeforeItsCopy) {
+// A failing copy is tried four times across three waits of a second; all the while, the verified
+// source stays held so that nobody can change it before it is copied.
+TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
     Package package("");
     PlatformOverride platform;
-    static std::string source;
-    static int waits;
-    static int writable;
-    source = package.pkg() + "\\readme.txt";
-    waits = writable = 0;
-    platform.calls().CopyFileA = [](LPCSTR, LPCSTR, BOOL) -> BOOL { return FALSE; };
-    platform.calls().Sleep = [](DWORD) {
-        ++waits;
-        HANDLE file =
-            ::CreateFileA(source.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (file == INVALID_HANDLE_VALUE) return;
-        ++writable;
-        ::CloseHandle(file);
-    };
-    const std::string manifest =
-        "<commands><appdir>" + package.app() + "</appdir>" +
-        Package::Command(source, package.app() + "\\readme.txt", 0,
-                         std::string("<sha256>") + kReadmeDigest + "</sha256>") +
-        "</commands>";
-    EXPECT_EQ(InstallKite(manifest.c_str()), static_cast<long>(E_FAIL));
-    EXPECT_EQ(waits, 3);
-    EXPECT_EQ(writable, 0);
-}
-
-TEST_F(InstallerTest, FailedCopyIsTriedFourTimesAcrossThreeWaits) {
-    Package package("");
-    PlatformOverride platform;
+    static std::string src;
     static int copies;
     static std::vector<DWORD> waits;
-    copies = 0;
+    static int writable;
+    src = package.pkg() + "\\readme.txt";
+    copies = writable = 0;
     waits.clear();
-    platform.calls().CopyFileA = [](LPCSTR, LPCSTR, BOOL) -> BOOL {
-        ++copies;
-        ::SetLastError(ERROR_SHARING_VIOLATION);
-        return FALSE;
+    platform.calls().CopyFileA = [](LPCSTR, LPCSTR, BOOL) -> BOOL { return ++copies, FALSE; };
+    platform.calls().Sleep = [](DWORD ms) {
+        waits.push_back(ms);
+        HANDLE file =
+            ::CreateFileA(src.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (file != INVALID_HANDLE_VALUE) writable += ::CloseHandle(file);
     };
-    platform.calls().Sleep = [](DWORD ms) { waits.push_back(ms); };
-    const std::string src = package.pkg() + "\\readme.txt";
     const std::string dst = package.app() + "\\readme.txt";
-    const std::string manifest = "<commands><appdir>" + package.app() + "</appdir>" +
-                                 Package::Command(src, dst, 0) + "</commands>";
-    EXPECT_EQ(InstallKite(manifest.c_str()), static_cast<long>(E_FAIL));
+    const std::string digest = std::string("<sha256>") + kReadmeDigest + "</sha256>";
+    EXPECT_EQ(InstallKite(package.ManifestOf(Package::Command(src, dst, 0, digest)).c_str()),
+              static_cast<long>(E_FAIL));
     EXPECT_EQ(copies, 4);
     EXPECT_EQ(waits, std::vector<DWORD>(3, 1000));
+    EXPECT_EQ(writable, 0);
     EXPECT_NE(ReadLog().find("CopyFile_s for file " + src + " to destination " + dst +
                              "failed in attempt  3\r\n"),
               std::string::npos);

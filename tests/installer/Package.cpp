@@ -74,7 +74,7 @@ std::string Package::Manifest(const std::string& extra) const {
         commands += Command(pkg() + "\\" + file.name, app() + "\\" + file.name,
                             server ? file.type : 0, extra);
     }
-    return "<commands><appdir>" + app() + "</appdir>" + commands + "</commands>";
+    return ManifestOf(commands);
 }
 
 std::string Package::ManifestFile(const std::string& extra) const {

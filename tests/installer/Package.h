@@ -28,6 +28,9 @@ class Package {
     // The manifest of the whole package; extra is placed inside every command element.
     std::string Manifest(const std::string& extra = "") const;
     std::string ManifestFile(const std::string& extra = "") const;
+    std::string ManifestOf(const std::string& commands) const {
+        return "<commands><appdir>" + app() + "</appdir>" + commands + "</commands>";
+    }
     static std::string Command(const std::string& src, const std::string& dst, int type,
                                const std::string& extra = "");
 

@@ -170,7 +170,10 @@ TEST_F(ReliabilityTest, KilledAtAnyStepAHostOfTheSixExportsSettlesIt) {
         SCOPED_TRACE("killed at step " + std::to_string(k));
         Package package("kitecom_ok");
         const std::string manifest = package.ManifestFile();
-        if (Host(package, k, "install", manifest).exitCode != 99) break;
+        if (Host(package, k, "install", manifest).exitCode != 99) {
+            std::printf("installation killed at each of %d steps\n", k - 1);
+            break;
+        }
         const std::string journal = package.app() + "\\CriticalFixes\\kite_journal.dat";
         if (Exists(package.Marker()) && ReadFileBytes(journal).find("\nC\n") == std::string::npos) {
             richest = k;
@@ -188,7 +191,10 @@ TEST_F(ReliabilityTest, KilledAtAnyStepAHostOfTheSixExportsSettlesIt) {
         const bool killed = Host(package, j, "host", manifest).exitCode == 99;
         EXPECT_EQ(Host(package, 0, "host", manifest).exitCode, 0u);
         package.ExpectCommitted();
-        if (!killed) break;
+        if (!killed) {
+            std::printf("its recovery killed at each of %d steps\n", j - 1);
+            break;
+        }
     }
 }
 
