@@ -36,11 +36,6 @@ class CKiteInstaller {
     // The major and build components of the file's version (build not split into level and
     // slipstream): S_OK or the failure status of GetFileVersion.
     static HRESULT GetModuleVersion(const char* path, DWORD& major, DWORD& build);
-    // 1 when the network list manager reports internet connectivity, or cannot be asked.
-    static int CheckInternetConnection();
-    // Downloads "restorekite.ini" from the download server to the local path. E_FAIL when there
-    // is no connection (nothing is attempted), else the download's result.
-    static HRESULT SendRequestAndGetResponse(const char* destination);
 
     const std::deque<ActionRecord>& journal() const { return journal_; }
     const std::string& productFolder() const { return productFolder_; }
