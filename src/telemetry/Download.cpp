@@ -55,7 +55,7 @@ void FetchInto(const std::wstring& address, const std::wstring& agent, Download&
             return;
         }
     } while (read > 0);
-    result.lastError = ::GetLastError();
+    result.lastError = ERROR_SUCCESS;
     result.outcome = DownloadOutcome::kDownloaded;
 }
 
