@@ -61,8 +61,6 @@ const FaultPoint kFaultPoints[] = {
                      "every CreateProcessA fails"),
     KITE_FAULT_POINT(CoCreateInstance, ERROR_NOT_ENOUGH_MEMORY,
                      kHresultOf(ERROR_NOT_ENOUGH_MEMORY)),
-    KITE_FAULT_POINT(URLDownloadToFileA, ERROR_INTERNET_CANNOT_CONNECT,
-                     kHresultOf(ERROR_INTERNET_CANNOT_CONNECT)),
     KITE_FAULT_POINT(InternetOpenW, ERROR_INTERNET_INTERNAL_ERROR, 0),
     KITE_FAULT_POINT(InternetOpenUrlW, ERROR_INTERNET_CANNOT_CONNECT, 0),
     KITE_FAULT_POINT(InternetReadFile, ERROR_INTERNET_CONNECTION_RESET, FALSE),

@@ -64,6 +64,7 @@ void KiteServers::SetCollectorMode(const std::string& mode, int holdSeconds) con
 }
 
 void KiteServers::Clear() const {
+    if (beforeReading != nullptr) beforeReading();  // an earlier test's events arrive first
     for (const char* folder : {"config", "restore", "requests", "connections"}) {
         EmptyFolder(std::string(kShare) + "\\" + folder);
     }
