@@ -80,12 +80,10 @@ bool TelemetryReporter::SendWithHeaders(HINTERNET request, const char* body, DWO
                                      const_cast<char*>(body), bodyLength)) {
         return false;
     }
-    // The reply is drained before the request is ended: Wine's HttpEndRequestA reads a second
-    // response, which a keep-alive collector never sends (it would hold each event for the
-    // collector's idle time-out), while on a drained connection it returns at once. Its verdict
-    // is therefore not the post's: the post is completed when the send got its reply.
+    // The request is not ended with HttpEndRequestA: after a plain HttpSendRequestA, Wine's
+    // HttpEndRequestA reads a second response, which a keep-alive collector never sends, so each
+    // event would cost the receive time-out. The post is completed when the send got its reply.
     DrainReply(request);
-    Platform().HttpEndRequestA(request, nullptr, 0, 0);
     return true;
 }
 
