@@ -118,6 +118,6 @@ for telemetry in ${KITE_BENCH_TELEMETRY:-off on}; do
         fi
         bench clean "$windows"
     done
-    bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$servers"
+    bash "$root/scripts/kiteservers.sh" stop "$WINEPREFIX" "$servers"
 done
 python3 "$root/benchmarks/table.py" "$results"

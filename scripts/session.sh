@@ -15,14 +15,14 @@ servers=$build/$2
 share=$WINEPREFIX/drive_c/kiteservers
 
 end_session() {
-    bash "$root/tests/support/kiteservers.sh" stop "$WINEPREFIX" "$servers" || true
-    bash "$root/tests/support/wineprefix.sh" stop "$WINEPREFIX"
+    bash "$root/scripts/kiteservers.sh" stop "$WINEPREFIX" "$servers" || true
+    bash "$root/scripts/wineprefix.sh" stop "$WINEPREFIX"
 }
-bash "$root/tests/support/wineprefix.sh" start "$WINEPREFIX"
+bash "$root/scripts/wineprefix.sh" start "$WINEPREFIX"
 trap end_session EXIT
 
 start_servers() {
-    bash "$root/tests/support/kiteservers.sh" start "$WINEPREFIX" "$servers" "$build/bin"
+    bash "$root/scripts/kiteservers.sh" start "$WINEPREFIX" "$servers" "$build/bin"
 }
 address() { sed -n "s/^$1=//p" "$share/addresses.ini" | tr -d '\r'; }
 reg_set() {

@@ -54,7 +54,6 @@ PlatformCalls RealPlatform() {
     calls.HttpOpenRequestA = ::HttpOpenRequestA;
     calls.HttpSendRequestA = ::HttpSendRequestA;
     calls.HttpEndRequestA = ::HttpEndRequestA;
-    calls.URLDownloadToFileA = ::URLDownloadToFileA;
     calls.CoCreateInstance = ::CoCreateInstance;
     calls.GetConnectivity = AskConnectivity;
     calls.VerifyVersionInfoW = ::VerifyVersionInfoW;

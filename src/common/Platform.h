@@ -48,7 +48,6 @@ struct PlatformCalls {
     decltype(&::HttpOpenRequestA) HttpOpenRequestA;
     decltype(&::HttpSendRequestA) HttpSendRequestA;
     decltype(&::HttpEndRequestA) HttpEndRequestA;
-    decltype(&::URLDownloadToFileA) URLDownloadToFileA;
     decltype(&::CoCreateInstance) CoCreateInstance;
     // INetworkListManager::GetConnectivity on the given manager.
     HRESULT (*GetConnectivity)(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity);

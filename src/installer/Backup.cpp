@@ -7,62 +7,41 @@
 #include "installer/BackupPolicy.h"
 #include "installer/Events.h"
 #include "log/ScopeLog.h"
+#include "telemetry/Download.h"
 
-#include <shlobj.h>
 #include <io.h>
 
 namespace kite {
 
 namespace {
 
-// Where the restore policy is downloaded: the user's roaming application-data folder.
-bool RestorePolicyPath(char (&path)[260]) {
-    char folder[MAX_PATH] = {};
-    if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, folder))) {
-        return false;
-    }
-    FormatBounded(path, "%s%s", folder, "\\restorekite.ini");
-    return true;
-}
-
-// The policy file's verdict for this release: 0 stops backups, -1 leaves it to the table. The
-// file can only switch backups off.
-int RestorePolicyAnswer(ScopeLog& log, const char* policy, unsigned int majorVersion,
-                        unsigned int release) {
-    if (CKiteInstaller::SendRequestAndGetResponse(policy) != S_OK) return -1;
-    char value[260] = {};
-    const std::string key = std::to_string(majorVersion);
-    const DWORD read =
-        ::GetPrivateProfileStringA("takebackup", key.c_str(), nullptr, value, sizeof value, policy);
-    if (read == 0 || value[0] == '\0') {
-        const std::string text =
-            "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with "
-            "GetLastError :  " +
-            std::to_string(::GetLastError());
-        TraceAndReport(log, text, true);
+// The policy's verdict for this release: 0 stops backups, -1 leaves it to the table. The policy
+// can only switch backups off. It is read from memory: nothing is written to or deleted from the
+// user's roaming folder, where a planted link would redirect the administrator's file operations.
+int RestorePolicyAnswer(ScopeLog& log, unsigned int majorVersion, unsigned int release) {
+    std::string policy;
+    if (SendRequestAndGetResponse(policy) != S_OK) return -1;
+    const std::string value =
+        ProfileString(policy, "takebackup", std::to_string(majorVersion).c_str());
+    if (value.empty()) {
+        // The code that the profile API leaves for a key it does not find.
+        TraceAndReport(log,
+                       "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with "
+                       "GetLastError :  " +
+                           std::to_string(ERROR_FILE_NOT_FOUND),
+                       true);
         return -1;
     }
-    return TextToInt(value) <= static_cast<int>(release) ? 0 : -1;
+    return TextToInt(value.c_str()) <= static_cast<int>(release) ? 0 : -1;
 }
 
 }  // namespace
 
 int CKiteInstaller::TakeBackup(unsigned int majorVersion, unsigned int release) {
     ScopeLog log("CKiteInstaller::TakeBackup");
-    char policy[260] = {};
-    int answer = -1;
-    if (RestorePolicyPath(policy)) {
-        // The last installation's copy is stale: only a fresh download may decide.
-        if (_access(policy, 0) == 0 && !Platform().DeleteFileA(policy)) {
-            const std::string text =
-                "CKiteInstaller::TakeBackup Failed to delete restorekite.ini files with "
-                "GetLastError :  " +
-                std::to_string(::GetLastError());
-            TraceAndReport(log, text, true);
-        }
-        answer = RestorePolicyAnswer(log, policy, majorVersion, release);
-    }
-    return answer == 0 ? 0 : BuiltInBackupAnswer(majorVersion, release);
+    return RestorePolicyAnswer(log, majorVersion, release) == 0
+               ? 0
+               : BuiltInBackupAnswer(majorVersion, release);
 }
 
 bool CKiteInstaller::BackupFile(const std::string& destination, int backupFlag) {

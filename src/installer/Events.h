@@ -1,4 +1,5 @@
-// Lines of the installation that also go out as telemetry events.
+// Lines of the installation that also go out as telemetry events. None of them throws: telemetry
+// never changes an installation's outcome.
 #pragma once
 
 #include "telemetry/TelemetryReporter.h"
@@ -8,18 +9,21 @@
 
 namespace kite {
 
-inline void ReportError(const std::string& text) {
-    TelemetryReporter::Instance().ReportEvent(0, text.c_str(), true);
+inline void ReportEventQuietly(const std::string& text, bool isError) noexcept {
+    try {
+        TelemetryReporter::Instance().ReportEvent(0, text.c_str(), isError);
+    } catch (...) {
+    }
 }
 
-inline void ReportInfo(const std::string& text) {
-    TelemetryReporter::Instance().ReportEvent(0, text.c_str(), false);
-}
+inline void ReportError(const std::string& text) noexcept { ReportEventQuietly(text, true); }
+
+inline void ReportInfo(const std::string& text) noexcept { ReportEventQuietly(text, false); }
 
 // A line that goes both to the scope's log and out as an event.
 inline void TraceAndReport(std::ostream& log, const std::string& text, bool isError) {
     log << text << std::endl;
-    TelemetryReporter::Instance().ReportEvent(0, text.c_str(), isError);
+    ReportEventQuietly(text, isError);
 }
 
 }  // namespace kite

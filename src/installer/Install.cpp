@@ -138,7 +138,10 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
 
 }  // namespace kite
 
+// Each export that reports waits (boundedly) for its events, so that a host that looks at the
+// collector after the call sees them.
 extern "C" HRESULT RecoverKite(const char* productFolder) {
+    const kite::FlushOnReturn flush;
     try {
         if (productFolder == nullptr) {
             kite::ScopeLog log("RecoverKite");
@@ -154,6 +157,7 @@ extern "C" HRESULT RecoverKite(const char* productFolder) {
 }
 
 extern "C" HRESULT InstallKite(const char* manifest) {
+    const kite::FlushOnReturn flush;
     try {
         kite::CKiteInstaller installer;
         return installer.Install(manifest);

@@ -33,8 +33,6 @@ class CKiteInstaller {
     // The major and build components of the file's version (build not split into level and
     // slipstream): S_OK or the failure status of GetFileVersion.
     static HRESULT GetModuleVersion(const char* path, DWORD& major, DWORD& build);
-    static int CheckInternetConnection();
-    static HRESULT SendRequestAndGetResponse(const char* destination);
 
     const std::deque<ActionRecord>& journal() const { return journal_; }
     const std::string& productFolder() const { return productFolder_; }

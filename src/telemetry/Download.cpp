@@ -1,14 +1,17 @@
-// The installer's only contact with the network outside telemetry: whether the machine is online,
-// and the download of the restore policy "restorekite.ini". Every outcome goes to the update log
-// and, as an error event, to telemetry.
+// Every outcome of the connectivity check and of the restore policy's download goes to the update
+// log and, as an error event, to telemetry.
 #include "telemetry/Download.h"
 
 #include "common/Handles.h"
 #include "common/Platform.h"
-#include "installer/KiteInstaller.h"
+#include "common/Text.h"
 #include "log/ScopeLog.h"
 #include "telemetry/DownloadServer.h"
+#include "telemetry/NetworkWorker.h"
 #include "telemetry/TelemetryReporter.h"
+
+#include <cstring>
+#include <memory>
 
 namespace kite {
 
@@ -19,17 +22,58 @@ const CLSID kNetworkListManager = {
 const IID kINetworkListManager = {
     0xDCB00000, 0x570F, 0x4A9B, {0x8D, 0x69, 0x19, 0x9F, 0xDB, 0xA5, 0x72, 0x3B}};
 
+constexpr DWORD kChunkBytes = 2000;
+constexpr HRESULT kDownloadFailure = static_cast<HRESULT>(0x800C0008UL);
+
 void LogAndReport(ScopeLog& log, const std::string& message) {
     log << message << std::endl;
     TelemetryReporter::Instance().ReportEvent(0, message.c_str(), true);
 }
 
-// For the exception handlers: a failing report must not raise a second time.
-void LogAndReportQuietly(ScopeLog& log, const std::string& message) {
-    try {
-        LogAndReport(log, message);
-    } catch (...) {
+// Runs on a download thread: everything it writes belongs to the shared result.
+void FetchInto(const std::wstring& address, const std::wstring& agent, Download& result) {
+    UniqueInternet root(
+        Platform().InternetOpenW(agent.c_str(), INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
+    if (!root) return void(result.lastError = ::GetLastError());
+    SetNetworkTimeouts(root.get(), true);
+    UniqueInternet url(
+        Platform().InternetOpenUrlW(root.get(), address.c_str(), nullptr, 0,
+                                    INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE, 0));
+    if (!url) return void(result.lastError = ::GetLastError());
+    SetNetworkTimeouts(url.get(), false);
+    char chunk[kChunkBytes + 1];
+    DWORD read = 0;
+    do {
+        std::memset(chunk, 0, sizeof chunk);
+        read = 0;
+        // A failing read reports 0 bytes and ends the document as its end would.
+        Platform().InternetReadFile(url.get(), chunk, kChunkBytes, &read);
+        result.text.append(chunk);
+        if (result.text.size() > kMaxDocumentBytes) {
+            result.text.clear();
+            result.outcome = DownloadOutcome::kTooLarge;
+            return;
+        }
+    } while (read > 0);
+    result.lastError = ERROR_SUCCESS;
+    result.outcome = DownloadOutcome::kDownloaded;
+}
+
+HRESULT DownloadStatus(DownloadOutcome outcome) {
+    switch (outcome) {
+        case DownloadOutcome::kDownloaded:
+            return S_OK;
+        case DownloadOutcome::kTooLarge:
+            return E_OUTOFMEMORY;
+        default:
+            return kDownloadFailure;
     }
+}
+
+std::string TrimBlanks(const std::string& text) {
+    const std::size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos) return std::string();
+    return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
 }  // namespace
@@ -65,9 +109,22 @@ const char* DownloadResultText(HRESULT result) {
     }
 }
 
+Download DownloadDocument(const std::wstring& address, const wchar_t* agent) {
+    auto shared = std::make_shared<Download>();
+    const std::wstring agentName = agent == nullptr ? L"" : agent;
+    const bool finished = RunBounded(
+        [shared, address, agentName] { FetchInto(address, agentName, *shared); }, kDownloadBoundMs);
+    if (!finished) {
+        Download late;
+        late.lastError = ERROR_INTERNET_TIMEOUT;
+        return late;
+    }
+    return *shared;
+}
+
 // A machine whose connectivity cannot be asked counts as connected: the download is tried and
 // its own result decides.
-int CKiteInstaller::CheckInternetConnection() {
+int CheckInternetConnection() {
     ScopeLog log("CKiteInstaller::CheckInternetConnection");
     int connected = 1;
     try {
@@ -83,37 +140,61 @@ int CKiteInstaller::CheckInternetConnection() {
         }
     } catch (...) {
         const DWORD lastError = ::GetLastError();
-        LogAndReportQuietly(log,
-                            "CKiteInstaller:CheckInternetConnection  got an exception with "
-                            "GetLastError: :  " +
-                                std::to_string(lastError));
+        LogAndReport(log,
+                     "CKiteInstaller:CheckInternetConnection  got an exception with "
+                     "GetLastError: :  " +
+                         std::to_string(lastError));
     }
     return connected;
 }
 
-HRESULT CKiteInstaller::SendRequestAndGetResponse(const char* destination) {
+// The download lands in memory only: the policy used to be written to the user's roaming folder,
+// where a link that the user planted would have turned the administrator's write elsewhere. The
+// results keep the codes that the log texts are keyed by: S_OK downloaded, 0x800C0008 failed or
+// timed out, E_OUTOFMEMORY larger than kMaxDocumentBytes (counted as no document).
+HRESULT SendRequestAndGetResponse(std::string& policy) {
     ScopeLog log("CKiteInstaller::SendRequestAndGetResponse");
     HRESULT result = E_FAIL;
+    policy.clear();
     try {
         log << "Entered into SendRequestAndGetResponse" << std::endl;
-        if (destination == nullptr) {
-            log << "Invalid argument: destination is null" << std::endl;
-            result = E_INVALIDARG;
-        } else if (CheckInternetConnection() != 0) {
+        if (CheckInternetConnection() != 0) {
             const std::string address =
                 RestoreFileAddress(ReadDownloadServer(kRestoreServerValue).authority);
-            // Cleared first, so that the value read after the download is the download's own.
-            ::SetLastError(ERROR_SUCCESS);
-            result =
-                Platform().URLDownloadToFileA(nullptr, address.c_str(), destination, 0, nullptr);
-            const DWORD lastError = ::GetLastError();
-            LogAndReport(log, DownloadResultText(result) + std::to_string(lastError));
+            Download download = DownloadDocument(WidenText(address), L"MyAgent");
+            result = DownloadStatus(download.outcome);
+            if (result == S_OK) policy = std::move(download.text);
+            LogAndReport(log, DownloadResultText(result) + std::to_string(download.lastError));
         }
     } catch (...) {
         log << "CKiteInstaller::SendRequestAndGetResponse got an exception" << std::endl;
     }
     log << "Exited from SendRequestAndGetResponse" << std::endl;
     return result;
+}
+
+std::string ProfileString(const std::string& iniText, const char* section, const char* key) {
+    bool inSection = false;
+    std::size_t start = 0;
+    while (start < iniText.size()) {
+        std::size_t end = iniText.find('\n', start);
+        if (end == std::string::npos) end = iniText.size();
+        const std::string line = TrimBlanks(iniText.substr(start, end - start));
+        start = end + 1;
+        if (!line.empty() && line[0] == '[') {
+            const std::size_t close = line.find(']');
+            const std::string name = TrimBlanks(
+                line.substr(1, close == std::string::npos ? std::string::npos : close - 1));
+            inSection = _stricmp(name.c_str(), section) == 0;
+            continue;
+        }
+        const std::size_t equals = line.find('=');
+        if (!inSection || equals == std::string::npos) continue;
+        if (_stricmp(TrimBlanks(line.substr(0, equals)).c_str(), key) == 0) {
+            return TrimBlanks(line.substr(equals + 1));
+        }
+    }
+    return std::string();
 }
 
 }  // namespace kite

@@ -2,6 +2,8 @@
 
 #include "common/BoundedFormat.h"
 
+#include <cstring>
+
 namespace kite {
 
 namespace {
@@ -11,6 +13,9 @@ constexpr const char* kErrorHead =
 constexpr const char* kInfoHead =
     "appname=\"twdt\"&appcontext=\"InstallTracker\"&scenario=\"\"&message=\"\"&messagetype="
     "\"Info\"&token=";
+constexpr const char* kIdHead = "&tid=\"";
+constexpr const char* kProjectPiece = "\"&ProjectName=\"TWUpdateKITE\"&";
+constexpr std::size_t kEventIdChars = 36;
 
 }  // namespace
 
@@ -30,16 +35,24 @@ std::string EventFields(const char* message, bool isError, const std::string& sl
            " MajorVer=\"" + majorVersion + "\"&" + " KITEBuildNumber=\"" + buildNumber + "\"";
 }
 
+std::string FitMessage(const char* message, std::size_t room) {
+    const std::string text = message == nullptr ? "" : message;
+    if (text.size() <= room) return text;
+    if (room < 3) return std::string();
+    return text.substr(0, room - 3) + "...";
+}
+
+std::size_t EventHeadLength(bool isError, const std::string& token,
+                            const std::string& operatingSystem) {
+    return std::strlen(isError ? kErrorHead : kInfoHead) + token.size() + std::strlen(kIdHead) +
+           kEventIdChars + std::strlen(kProjectPiece) + operatingSystem.size();
+}
+
 std::string ComposeEventBody(bool isError, const std::string& token, const std::string& eventId,
                              const std::string& operatingSystem, const char* fields) {
-    char body[kEventBodyBytes] = {};
-    AppendBounded(body, isError ? kErrorHead : kInfoHead);
-    AppendBounded(body, token.c_str());
-    AppendBounded(body, "&tid=\"");
-    AppendBounded(body, eventId.c_str());
-    AppendBounded(body, "\"&ProjectName=\"TWUpdateKITE\"&");
-    AppendBounded(body, operatingSystem.c_str());
-    AppendBounded(body, fields == nullptr ? "" : fields);
+    std::string body = std::string(isError ? kErrorHead : kInfoHead) + token + kIdHead + eventId +
+                       kProjectPiece + operatingSystem + (fields == nullptr ? "" : fields);
+    if (body.size() >= kEventBodyBytes) body.clear();
     return body;
 }
 

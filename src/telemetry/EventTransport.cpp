@@ -1,11 +1,12 @@
-// The HTTPS post of one event. Every event opens its own internet handle and connection and
-// closes them again: the module keeps nothing open between events, and WinINet's default
-// time-outs apply.
+// The HTTPS post of one event, on the sending thread. Every event opens its own internet handle
+// and connection and closes them again: the module keeps nothing open between events. Every
+// handle carries time-outs, as Wine's WinINet sets none of its own.
 #include "telemetry/TelemetryReporter.h"
 
 #include "common/BoundedFormat.h"
 #include "common/Handles.h"
 #include "common/Platform.h"
+#include "telemetry/NetworkWorker.h"
 
 #include <cstring>
 #include <vector>
@@ -37,27 +38,33 @@ bool TelemetryReporter::PostEvent(const char* body, bool isError, const char* en
     if (!(isError ? ledEnabled : trackEnabled) || body == nullptr) return false;
     const bool isPerf = IsPerfEnvironment(environment);
     const EndpointSet& endpoint = ChooseEndpoint(*this, isError, isPerf);
+    // A host or path that the configuration made longer than the buffer is not sent.
+    if (endpoint.host.size() >= kEndpointBufferBytes ||
+        endpoint.path.size() >= kEndpointBufferBytes) {
+        return false;
+    }
     try {
         char target[kEndpointBufferBytes];
         FormatBounded(target, "%s", endpoint.host.c_str());
         UniqueInternet internet(
             Platform().InternetOpenA(nullptr, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
         if (!internet) return false;
+        SetNetworkTimeouts(internet.get(), true);
         UniqueInternet connection(
             Platform().InternetConnectA(internet.get(), target, INTERNET_DEFAULT_HTTPS_PORT,
                                         nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0));
         if (!connection) return false;
+        SetNetworkTimeouts(connection.get(), false);
         FormatBounded(target, "%s", endpoint.path.c_str());
         UniqueInternet request(Platform().HttpOpenRequestA(
             connection.get(), "POST", target, nullptr, nullptr, nullptr, kRequestFlags, 0));
         if (!request) return false;
+        SetNetworkTimeouts(request.get(), false);
         const std::size_t length = std::strlen(body);
         std::vector<char> copy(length + 1, '\0');
         std::memcpy(copy.data(), body, length);
-        const bool sent = SendWithHeaders(request.get(), copy.data(), static_cast<DWORD>(length),
-                                          isError, isPerf);
-        if (sent) DrainReply(request.get());
-        return sent;
+        return SendWithHeaders(request.get(), copy.data(), static_cast<DWORD>(length), isError,
+                               isPerf);
     } catch (...) {
         throw 1;
     }
@@ -73,9 +80,11 @@ bool TelemetryReporter::SendWithHeaders(HINTERNET request, const char* body, DWO
                                      const_cast<char*>(body), bodyLength)) {
         return false;
     }
-    // The module ends every request this way, after a plain send too; the post counts as
-    // completed only when this succeeds.
-    return Platform().HttpEndRequestA(request, nullptr, 0, 0) != FALSE;
+    // The request is not ended with HttpEndRequestA: after a plain HttpSendRequestA, Wine's
+    // HttpEndRequestA reads a second response, which a keep-alive collector never sends, so each
+    // event would cost the receive time-out. The post is completed when the send got its reply.
+    DrainReply(request);
+    return true;
 }
 
 }  // namespace kite

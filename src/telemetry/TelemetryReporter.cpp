@@ -5,8 +5,11 @@
 #include "common/Platform.h"
 #include "common/Text.h"
 #include "log/CommonFilesDataPath.h"
+#include "log/ScopeLog.h"
+#include "telemetry/Download.h"
 #include "telemetry/DownloadServer.h"
 #include "telemetry/EventBody.h"
+#include "telemetry/NetworkWorker.h"
 #include "telemetry/OperatingSystem.h"
 
 #include <shlwapi.h>
@@ -14,12 +17,6 @@
 #include <cstring>
 
 namespace kite {
-
-namespace {
-
-constexpr DWORD kConfigChunkBytes = 2000;
-
-}  // namespace
 
 TelemetryReporter& TelemetryReporter::Instance() {
     // Deliberately never destroyed: events may be reported until the process ends.
@@ -35,29 +32,20 @@ void TelemetryReporter::LoadConfiguration() {
     static_cast<TelemetryConfig&>(*this) = ApplyConfigurationText(*this, FetchConfiguration());
 }
 
+// Bounded in time and size like every download: a configuration server that hangs or streams
+// without end costs seconds, and leaves telemetry off for the process.
 std::string TelemetryReporter::FetchConfiguration() {
     try {
         const std::wstring address =
             WidenText(ConfigurationAddress(ReadDownloadServer(kConfigServerValue).authority));
-        UniqueInternet root(Platform().InternetOpenW(L"MyAgent", INTERNET_OPEN_TYPE_PRECONFIG,
-                                                     nullptr, nullptr, 0));
-        if (!root) return std::string();
-        UniqueInternet url(
-            Platform().InternetOpenUrlW(root.get(), address.c_str(), nullptr, 0,
-                                        INTERNET_FLAG_RELOAD | INTERNET_FLAG_NO_CACHE_WRITE, 0));
-        if (!url) return std::string();
-        std::string document;
-        char chunk[kConfigChunkBytes + 1];
-        DWORD read = 0;
-        do {
-            std::memset(chunk, 0, sizeof chunk);
-            read = 0;
-            // The read's own verdict is not needed: a failing read reports 0 bytes and ends the
-            // document as its end would.
-            Platform().InternetReadFile(url.get(), chunk, kConfigChunkBytes, &read);
-            document.append(chunk);
-        } while (read > 0);
-        return document;
+        Download download = DownloadDocument(address, L"MyAgent");
+        if (download.outcome == DownloadOutcome::kTooLarge) {
+            ScopeLog log("TelemetryReporter::FetchConfiguration");
+            log << "SplunkConfig.xml is larger than " << kMaxDocumentBytes
+                << " bytes and counts as no document" << std::endl;
+        }
+        return download.outcome == DownloadOutcome::kDownloaded ? std::move(download.text)
+                                                                : std::string();
     } catch (...) {
         return std::string();
     }
@@ -67,24 +55,52 @@ void TelemetryReporter::ApplyConfigElement(const ConfigElement& element) {
     kite::ApplyConfigElement(*this, element);
 }
 
+// Never throws and never waits on the network: the event is composed here and queued for the
+// sending thread. A disabled channel composes nothing.
 bool TelemetryReporter::ReportEvent(int, const char* message, bool isError) {
-    const std::string fields = EventFields(message, isError, slipStream, majorVersion, buildNumber);
-    return ComposeAndSend(fields.c_str(), isError, "PROD");
+    try {
+        if (!(isError ? ledEnabled : trackEnabled)) return true;
+        const std::string operatingSystem = DescribeOperatingSystem();
+        const std::size_t head =
+            EventHeadLength(isError, isError ? ledToken : trackToken, operatingSystem);
+        const std::size_t others =
+            EventFields("", isError, slipStream, majorVersion, buildNumber).size();
+        const std::size_t room =
+            head + others < kEventBodyBytes - 1 ? kEventBodyBytes - 1 - head - others : 0;
+        const std::string fields = EventFields(FitMessage(message, room).c_str(), isError,
+                                               slipStream, majorVersion, buildNumber);
+        Send(fields.c_str(), isError, "PROD", operatingSystem);
+    } catch (...) {
+    }
+    return true;
 }
 
 bool TelemetryReporter::ComposeAndSend(const char* fields, bool isError, const char* environment) {
-    GUID id = {};
-    Platform().CoCreateGuid(&id);
     std::string operatingSystem;
     try {
         operatingSystem = DescribeOperatingSystem();
     } catch (...) {
         throw 2;
     }
-    const std::string body = ComposeEventBody(isError, isError ? ledToken : trackToken,
-                                              FormatEventId(id), operatingSystem, fields);
-    PostEvent(body.c_str(), isError, environment);
+    Send(fields, isError, environment, operatingSystem);
     return true;
+}
+
+// The sending thread gets its own copy of the configuration: a reporter that is reloaded
+// meanwhile does not change an event already queued.
+void TelemetryReporter::Send(const char* fields, bool isError, const char* environment,
+                             const std::string& operatingSystem) {
+    GUID id = {};
+    Platform().CoCreateGuid(&id);
+    std::string body = ComposeEventBody(isError, isError ? ledToken : trackToken, FormatEventId(id),
+                                        operatingSystem, fields);
+    if (body.empty()) return;
+    TelemetryReporter sender;
+    static_cast<TelemetryConfig&>(sender) = *this;
+    EnqueueNetworkWork(
+        [sender, body, isError, env = std::string(environment ? environment : "")]() mutable {
+            sender.PostEvent(body.c_str(), isError, env.c_str());
+        });
 }
 
 void TelemetryReporter::SetSlipStream(std::string text) { slipStream = std::move(text); }
@@ -104,6 +120,19 @@ void TelemetryReporter::LoadBuildNumber(const char* folder) {
         buildNumber = value;
     } catch (...) {
         buildNumber.clear();
+    }
+}
+
+void FlushTelemetry() {
+    try {
+        const std::size_t dropped = FlushNetworkWork(kFlushBoundMs);
+        static bool told = false;
+        if (dropped == 0 || told) return;
+        told = true;
+        ScopeLog log("TelemetryReporter::FlushTelemetry");
+        log << dropped << " telemetry events dropped: the collector did not take them within "
+            << kFlushBoundMs / 1000 << " s (later drops are not logged)" << std::endl;
+    } catch (...) {
     }
 }
 

@@ -44,6 +44,7 @@ KiteServers::KiteServers()
       restoreServer_(kCommonKey, "KiteRestoreServer") {
     configServer_.SetString(config);
     restoreServer_.SetString(restore);
+    SetCollectorMode("");
     Clear();
 }
 
@@ -55,13 +56,22 @@ void KiteServers::ServeRestoreFile(const std::string& content) const {
     WriteFileBytes(std::string(kShare) + "\\restore\\restorekite.ini", content);
 }
 
+void (*KiteServers::beforeReading)() = nullptr;
+
+void KiteServers::SetCollectorMode(const std::string& mode, int holdSeconds) const {
+    WriteFileBytes(std::string(kShare) + "\\control\\collector-mode", mode);
+    WriteFileBytes(std::string(kShare) + "\\control\\collector-hold", std::to_string(holdSeconds));
+}
+
 void KiteServers::Clear() const {
+    if (beforeReading != nullptr) beforeReading();  // an earlier test's events arrive first
     for (const char* folder : {"config", "restore", "requests", "connections"}) {
         EmptyFolder(std::string(kShare) + "\\" + folder);
     }
 }
 
 std::vector<HttpRequest> KiteServers::Requests(const std::string& server) const {
+    if (beforeReading != nullptr) beforeReading();
     std::vector<HttpRequest> requests;
     const std::string folder = std::string(kShare) + "\\requests";
     for (const std::string& name : Files(folder, server + "-")) {
@@ -76,6 +86,7 @@ std::vector<HttpRequest> KiteServers::Requests(const std::string& server) const 
 }
 
 int KiteServers::Connections(const std::string& server) const {
+    if (beforeReading != nullptr) beforeReading();
     return static_cast<int>(Files(std::string(kShare) + "\\connections", server + "-").size());
 }
 

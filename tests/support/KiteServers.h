@@ -36,6 +36,8 @@ class KiteServers {
 
     void ServeConfiguration(const std::string& document) const;
     void ServeRestoreFile(const std::string& content) const;
+    // How the collector behaves (see scripts/kiteservers.py); "" answers and closes.
+    void SetCollectorMode(const std::string& mode, int holdSeconds = 30) const;
     // Served documents go away: their servers answer 404.
     void Clear() const;
 
@@ -46,6 +48,9 @@ class KiteServers {
     std::vector<ReceivedEvent> Events() const;
     // Only the messages, each prefixed "error: " or "info: ".
     std::vector<std::string> EventMessages() const;
+
+    // Set by the test programs that link the library: waits for its queued events.
+    static void (*beforeReading)();
 
     RegistryValue configServer_;
     RegistryValue restoreServer_;

@@ -7,6 +7,9 @@
 
 namespace kitetest {
 
+// Events leave through the library's sending thread: what the collector received is read after it.
+inline const bool kFlushBeforeReading = (KiteServers::beforeReading = kite::FlushTelemetry, true);
+
 inline kite::TelemetryReporter& ReloadTelemetry() {
     kite::TelemetryReporter::Instance() = kite::TelemetryReporter();
     kite::TelemetryReporter::Instance().LoadConfiguration();

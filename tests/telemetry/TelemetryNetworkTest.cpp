@@ -1,18 +1,17 @@
+#include "installer/KiteInstaller.h"
 #include "telemetry/TelemetryReporter.h"
 
 #include "support/Telemetry.h"
 
+#include <shlobj.h>
+
 #include <regex>
-#include <set>
 
 namespace {
 
-using kite::TelemetryReporter;
+using kitetest::Quote;
 
-using kitetest::ReloadTelemetry;
-
-// A POST as WinINet puts it on the wire: its own Host and Content-Length, then the module's
-// headers.
+// A POST as WinINet puts it on the wire: its own Host and Content-Length, then the module's.
 std::string Post(const std::string& host, const std::string& path, const std::string& header,
                  const std::string& body) {
     return "POST " + path + " HTTP/1.1\r\nHost: " + host +
@@ -26,140 +25,148 @@ class TelemetryNetworkTest : public ::testing::Test {
     kitetest::KiteServers servers_;
 };
 
-TEST_F(TelemetryNetworkTest, EventsReachTheCollectorAsComposed) {
+TEST_F(TelemetryNetworkTest, EventsReachTheCollectorByteForByte) {
     servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
-    TelemetryReporter& reporter = ReloadTelemetry();
-    kitetest::TempFolder package("package");
-    kitetest::WriteFileBytes(package / "BuildInfo.ini", "[BuildInfo]\r\nBuildNo=123\r\n");
-    const std::string id = "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX";
+    kite::TelemetryReporter& reporter = kitetest::ReloadTelemetry();
+    reporter.SetSlipStream("3");
+    reporter.SetMajorVersion("27");
+    reporter.buildNumber = "123";
+    servers_.Clear();
+    const std::string longMessage(5000, 'x');
+    reporter.ReportEvent(0, "CKiteInstaller::Install failed, proceeding for Abort ", true);
+    reporter.ReportEvent(0, "a&b=\"c\"", false);
+    reporter.ReportEvent(0, longMessage.c_str(), true);
+    kite::FlushTelemetry();
+    reporter.PostEvent("k=v", true, "PDS");
+    reporter.PostEvent("k=v", false, "PDSX");
+    const auto requests = servers_.Requests("collector");
+    ASSERT_EQ(requests.size(), 5u);
+    const std::regex tid("tid=\"[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\"");
+    const std::string id = "tid=\"XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX\"";
     const std::string head = "appname=\"twdt\"&appcontext=";
-    struct Row {
-        bool isError;
-        bool facts;
-        const char* message;
-        std::string request;
-    };
-    const Row rows[] = {
-        {true, true, "CKiteInstaller::Install failed, proceeding for Abort ",
-         Post(
-             servers_.collector, "/led/prod", "Authorization: Splunk led-prod",
-             head +
-                 "\"led\"&scenario=\"\"&message=\"\"&messagetype=\"Error\"&token=LED-TOKEN&tid=\"" +
+    const std::string facts = "\"& SlipStream=\"3\"& MajorVer=\"27\"& KITEBuildNumber=\"123\"";
+    EXPECT_EQ(
+        std::regex_replace(requests[0].raw, tid, id),
+        Post(servers_.collector, "/led/prod", "Authorization: Splunk led-prod",
+             head + "\"led\"&scenario=\"\"&message=\"\"&messagetype=\"Error\"&token=LED-TOKEN&" +
                  id +
-                 "\"&ProjectName=\"TWUpdateKITE\"&OS=\"32 Bit Windows7 SP1\"&& ErrorMessage=\""
-                 "CKiteInstaller::Install failed, proceeding for Abort \"& SlipStream=\"3\"& "
-                 "MajorVer=\"27\"& KITEBuildNumber=\"123\"")},
-        {false, false, "a&b=\"c\"",
-         Post(servers_.collector, "/track/prod", "",
-              head +
-                  "\"InstallTracker\"&scenario=\"\"&message=\"\"&messagetype=\"Info\"&token="
-                  "TRACK-TOKEN&tid=\"" +
-                  id +
-                  "\"&ProjectName=\"TWUpdateKITE\"&OS=\"32 Bit Windows7 SP1\"&& "
-                  "TrackingMessage=\"a&b=\"c\"\"& SlipStream=\"\"& MajorVer=\"\"& "
-                  "KITEBuildNumber=\"\"")},
-    };
-    const std::regex tid("tid=\"([0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12})\"");
-    std::set<std::string> ids;
-    for (const Row& row : rows) {
-        reporter.SetSlipStream(row.facts ? "3" : "");
-        reporter.SetMajorVersion(row.facts ? "27" : "");
-        reporter.buildNumber.clear();
-        if (row.facts) reporter.LoadBuildNumber(package.path().c_str());
-        servers_.Clear();
-
-        EXPECT_TRUE(reporter.ReportEvent(0, row.message, row.isError));
-        const auto requests = servers_.Requests("collector");
-        ASSERT_EQ(requests.size(), 1u) << row.message;
-        std::smatch found;
-        ASSERT_TRUE(std::regex_search(requests[0].raw, found, tid)) << requests[0].raw;
-        ids.insert(found[1]);
-        EXPECT_EQ(std::regex_replace(requests[0].raw, tid, "tid=\"" + id + "\""), row.request);
-    }
-    EXPECT_EQ(ids.size(), 2u) << "each event has its own identifier";
+                 "&ProjectName=\"TWUpdateKITE\"&OS=\"32 Bit Windows7 SP1\"&& ErrorMessage=\""
+                 "CKiteInstaller::Install failed, proceeding for Abort " +
+                 facts));
+    EXPECT_EQ(std::regex_replace(requests[1].raw, tid, id),
+              Post(servers_.collector, "/track/prod", "",
+                   head +
+                       "\"InstallTracker\"&scenario=\"\"&message=\"\"&messagetype=\"Info\"&token="
+                       "TRACK-TOKEN&" +
+                       id +
+                       "&ProjectName=\"TWUpdateKITE\"&OS=\"32 Bit Windows7 SP1\""
+                       "&& TrackingMessage=\"a&b=\"c\"" +
+                       facts));
+    // A message too long for the body is cut to fit and marked, never the end of the host.
+    EXPECT_EQ(requests[2].body.size(), 1699u);
+    EXPECT_NE(requests[2].body.find("xxx...\"& SlipStream"), std::string::npos);
+    EXPECT_EQ(requests[3].raw, Post(servers_.collector, "/led/perf", "X-Env: perf", "k=v"));
+    EXPECT_EQ(requests[4].raw, Post(servers_.collector, "/track/prod", "", "k=v"));
 }
 
-TEST_F(TelemetryNetworkTest, EnvironmentPdsPostsToThePerfEndpoints) {
+// Whatever the collector does, an installation through the DLL ends within seconds with the
+// outcome of its files; a healthy collector gets every event.
+TEST_F(TelemetryNetworkTest, NoCollectorHoldsAnInstallation) {
+    kitetest::TempFolder folder("hold");
+    const std::string product = folder / "product", package = folder / "package";
+    kitetest::CreateFolders(product);
+    kitetest::CreateFolders(package);
+    kitetest::CopyFileTo(kitetest::FixturePath("tw27-program-4008.exe"), product + "\\tww.exe");
+    kitetest::WriteFileBytes(package + "\\kite.ini", "[KITEApplicability]\r\nSlipstreams=\r\n");
+    kitetest::WriteFileBytes(package + "\\a.txt", "a");
+    struct Row {
+        const char* mode;
+        bool fail;   // a third file is missing: the installation is undone
+        int events;  // -1: not checked; 1: as many as the healthy collector got
+    };
+    const Row rows[] = {{"", false, 1},         {"", true, 1},         {"keepalive", false, 1},
+                        {"keepalive", true, 1}, {"error500", true, 1}, {"refuse", true, 0},
+                        {"silent", false, -1},  {"notls", true, -1},   {"unresolvable", true, 0},
+                        {"bigconfig", false, 0}};
+    std::size_t healthy[2] = {0, 0};
+    for (const Row& row : rows) {
+        const std::string what = std::string(row.mode) + (row.fail ? " failing" : " 1 file");
+        std::string config = kitetest::CollectorConfiguration(
+            row.mode == std::string("unresolvable") ? std::string(64, 'x') + ".invalid"
+                                                    : servers_.collector);
+        if (row.mode == std::string("bigconfig"))
+            config += "<!--" + std::string(300000, '-') + "-->";
+        servers_.Clear();
+        servers_.ServeConfiguration(config);
+        servers_.SetCollectorMode(row.mode, 20);
+        std::string manifest = "<commands><appdir>" + product + "</appdir>";
+        for (const char* file : {"a.txt", "b.txt", "c.txt"}) {
+            if (file[0] != 'a' && !row.fail) break;
+            manifest += std::string("<command><src>") + package + "\\" +
+                        (file[0] == 'c' ? "missing" : "a.txt") + "</src><dst>" + product + "\\" +
+                        file + "</dst><register>0</register></command>";
+        }
+        kitetest::WriteFileBytes(package + "\\manifest.xml", manifest + "</commands>");
+        kitetest::CreateFolders(product + "\\CriticalFixes");  // forced: no release to match
+        kitetest::WriteFileBytes(product + "\\CriticalFixes\\force_apply_kite.dat", "");
+        const ULONGLONG start = ::GetTickCount64();
+        const auto host = kitetest::RunProcess(Quote(kitetest::ExeFolder() + "\\kitehost.exe") +
+                                               " update " + Quote(package));
+        EXPECT_LT(::GetTickCount64() - start, 20000u) << what;
+        EXPECT_NE(host.output.find(row.fail ? " 0x80004005," : " 0x00000000,"), std::string::npos)
+            << what << host.output;
+        servers_.SetCollectorMode("");
+        const std::size_t events = servers_.Requests("collector").size();
+        if (*row.mode == '\0') healthy[row.fail] = events;
+        if (*row.mode == '\0') EXPECT_GE(events, 3u) << what;  // every event gone out
+        if (row.events >= 0) EXPECT_EQ(events, row.events ? healthy[row.fail] : 0u) << what;
+    }
+}
+
+// The policy is read from memory: a file (or a link) at the old download path is neither
+// deleted, written nor created.
+TEST_F(TelemetryNetworkTest, RestorePolicyDecidesOnlyFromADownloadedValue) {
     servers_.ServeConfiguration(kitetest::CollectorConfiguration(servers_.collector));
-    TelemetryReporter& reporter = ReloadTelemetry();
+    kitetest::ReloadTelemetry();
+    char roaming[MAX_PATH] = {};
+    ::SHGetFolderPathA(nullptr, CSIDL_APPDATA, nullptr, 0, roaming);
+    const std::string planted = std::string(roaming) + "\\restorekite.ini";
+    const std::string download = "CKiteInstaller::SendRequestAndGetResponse ";
     struct Row {
-        const char* environment;
-        bool isError;
-        const char* path;
-        const char* header;
+        unsigned major, release;
+        const char* policy;  // null: 404; "": the server refuses
+        int backups;
+        std::string event;  // the download's or the reading's event, "" none
     };
     const Row rows[] = {
-        {"PDS", true, "/led/perf", "X-Env: perf"},
-        {"", true, "/led/prod", "Authorization: Splunk led-prod"},
-        {"PDS", false, "/track/perf", "X-Env: track"},
-        {"PDSX", false, "/track/prod", ""},
+        {27, 4008, "[TakeBackup]\r\n 27 = 4008 \r\n", 0, ""},
+        {27, 4008, "[takebackup]\r\n27=4100\r\n", 1, ""},
+        {25, 4000, "[takebackup]\r\n26=1\r\n[other]\r\n25=1\r\n", 1,
+         "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with GetLastError : "
+         " 2"},
+        {27, 4009, "", 0, download + "URL is invalid with GetLastError :  12029"},
+        {27, 4008, "", 1, download + "URL is invalid with GetLastError :  12029"},
     };
     for (const Row& row : rows) {
+        const bool planting = &row == &rows[0];
+        if (planting) kitetest::WriteFileBytes(planted, "[takebackup]\r\n27=1\r\n");
+        servers_.restoreServer_.SetString(*row.policy ? servers_.restore : "127.0.0.1:1");
         servers_.Clear();
-        EXPECT_TRUE(reporter.PostEvent("k=v", row.isError, row.environment)) << row.path;
-        const auto requests = servers_.Requests("collector");
-        ASSERT_EQ(requests.size(), 1u) << row.path;
-        EXPECT_EQ(requests[0].raw, Post(servers_.collector, row.path, row.header, "k=v"));
+        servers_.ServeRestoreFile(row.policy);
+        kite::CKiteInstaller installer;
+        EXPECT_EQ(installer.TakeBackup(row.major, row.release), row.backups) << row.policy;
+        const auto events = servers_.EventMessages();
+        ASSERT_FALSE(events.empty());
+        if (*row.policy) {
+            EXPECT_EQ(events[0], "error: " + download +
+                                     "Successfully downloaded the ini with GetLastError:  0");
+        }
+        EXPECT_EQ(events.back(), row.event.empty() ? events[0] : "error: " + row.event)
+            << row.policy;
+        EXPECT_EQ(kitetest::Exists(planted) ? kitetest::ReadFileBytes(planted) : "",
+                  planting ? "[takebackup]\r\n27=1\r\n" : "");
+        if (planting) ::DeleteFileA(planted.c_str());
     }
-}
-
-// Whatever the server sends, the host goes on; only a document that enables a channel lets an
-// event leave the machine.
-TEST_F(TelemetryNetworkTest, FetchedDocumentsDecideWhetherAnythingIsSent) {
-    const std::string good = kitetest::CollectorConfiguration(servers_.collector);
-    const std::size_t open = good.find("<SplunkConfig>") + 14;
-    const std::string padded =
-        good.substr(0, open) + "<!--" + std::string(3000, '-') + " -->" + good.substr(open);
-    std::string zeroed = padded;
-    zeroed[30] = '\0';  // inside the root element's name
-    std::string deep;
-    for (int i = 0; i < 100000; ++i) deep += "<LED>";
-    std::string large = good.substr(0, open);
-    for (int i = 0; i < 250000; ++i) large += "<pad>x</pad>";
-    large += good.substr(open);
-    std::string disabled = good;
-    for (std::size_t at; (at = disabled.find(">true</enable>")) != std::string::npos;) {
-        disabled.replace(at, 5, ">false");
-    }
-    struct Row {
-        const char* what;
-        const std::string* served;  // null: 404
-        std::string fetched;
-        int events;
-    };
-    const std::string empty, notXml = "{\"LED\": true}";
-    const Row rows[] = {
-        {"a document of several chunks", &padded, padded, 2},
-        {"a zero byte cuts its chunk short", &zeroed, padded.substr(0, 30) + padded.substr(2000),
-         0},
-        {"both channels disabled", &disabled, disabled, 0},
-        {"an empty document", &empty, "", 0},
-        {"not XML", &notXml, notXml, 0},
-        {"nested 100,000 levels deep", &deep, deep, 0},
-        {"several megabytes", &large, large, 2},
-        {"no document (404)", nullptr, "not found", 0},
-    };
-    for (const Row& row : rows) {
-        servers_.Clear();
-        if (row.served != nullptr) servers_.ServeConfiguration(*row.served);
-        TelemetryReporter& reporter = ReloadTelemetry();
-        EXPECT_TRUE(reporter.FetchConfiguration() == row.fetched) << row.what;
-        EXPECT_EQ(servers_.Requests("config").back().raw,
-                  "GET //http.tolvix//TWDT_Files//Splunk//SplunkConfig.xml HTTP/1.1\r\nAccept: "
-                  "*/*\r\nHost: " +
-                      servers_.config + "\r\nUser-Agent: MyAgent\r\n\r\n");
-        EXPECT_TRUE(reporter.ReportEvent(0, "error", true)) << row.what;
-        EXPECT_TRUE(reporter.ReportEvent(0, "info", false)) << row.what;
-        EXPECT_EQ(servers_.Connections("collector"), row.events) << row.what;
-        EXPECT_EQ(servers_.Requests("collector").size(), static_cast<std::size_t>(row.events))
-            << row.what;
-    }
-    servers_.configServer_.SetString("127.0.0.1:1");
-    TelemetryReporter& unreachable = ReloadTelemetry();
-    EXPECT_EQ(unreachable.FetchConfiguration(), "");
-    EXPECT_FALSE(unreachable.ledEnabled || unreachable.trackEnabled);
-    EXPECT_TRUE(unreachable.ReportEvent(0, "error", true));
-    EXPECT_EQ(servers_.Connections("collector"), 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "KITEUpdate.h"
 #include "common/Sha256.h"
 #include "installer/KiteInstaller.h"
+#include "telemetry/Download.h"
 #include "telemetry/DownloadServer.h"
 #include "telemetry/TelemetryReporter.h"
 
@@ -136,26 +137,24 @@ int RunTelemetry(HMODULE, const Args&) {
     return 0;
 }
 
-int RunRestore(HMODULE, const Args& args) {
-    const HRESULT result = kite::CKiteInstaller::SendRequestAndGetResponse(args[0].c_str());
-    std::printf("SendRequestAndGetResponse(%s) = 0x%08lX (%s)\n", args[0].c_str(),
-                static_cast<unsigned long>(result),
+int RunRestore(HMODULE, const Args&) {
+    const kite::FlushOnReturn flush;
+    std::string policy;
+    const HRESULT result = kite::SendRequestAndGetResponse(policy);
+    std::printf("SendRequestAndGetResponse = 0x%08lX (%s)\n%s", static_cast<unsigned long>(result),
                 result == S_OK     ? "downloaded"
                 : result == E_FAIL ? "no internet connection, nothing attempted"
-                                   : "the download failed");
+                                   : "the download failed",
+                policy.c_str());
     return 0;
 }
 
 int RunEvent(HMODULE, const Args& args) {
     if (args[0] != "error" && args[0] != "info") return Usage();
     const bool isError = args[0] == "error";
+    const kite::FlushOnReturn flush;
     kite::TelemetryReporter& reporter = kite::TelemetryReporter::Instance();
-    try {
-        reporter.ReportEvent(0, args[1].c_str(), isError);
-    } catch (int code) {
-        std::printf("ReportEvent failed with exception %d\n", code);
-        return 1;
-    }
+    reporter.ReportEvent(0, args[1].c_str(), isError);
     std::printf("ReportEvent(%s) sent as %s event; the %s channel is %s\n", args[1].c_str(),
                 isError ? "an error" : "an informational", isError ? "error" : "tracking",
                 (isError ? reporter.ledEnabled : reporter.trackEnabled) ? "enabled" : "disabled");
@@ -310,7 +309,7 @@ const Command kCommands[] = {
     {"instances", "instances [folder]", 0, 1, true, RunInstances},
     {"telemetry", "telemetry           (linked library) the effective telemetry configuration", 0,
      0, false, RunTelemetry},
-    {"restore", "restore <file>      (linked library) download restorekite.ini to the file", 1, 1,
+    {"restore", "restore             (linked library) download restorekite.ini and show it", 0, 0,
      false, RunRestore},
     {"event", "event error|info <message>  (linked library) report one telemetry event", 2, 2,
      false, RunEvent},

@@ -3,10 +3,16 @@
 
   config     HTTPS: serves <share>/config/SplunkConfig.xml for any path (404 when it is absent)
   restore    plain HTTP: serves <share>/restore/restorekite.ini for any path (404 when absent)
-  collector  HTTPS on port 443: answers 200 with a reply of 1200 bytes and closes the connection;
-             while <share>/control/collector-keepalive exists it keeps the connection open
-             (idle for at most 30 s), and while <share>/control/collector-silent exists it never
-             answers, holding the connection for the seconds the file names (300 when empty)
+  collector  HTTPS on port 443: answers 200 with a reply of 1200 bytes and closes the connection,
+             or behaves as <share>/control/collector-mode names (one word):
+               keepalive  answers and keeps the connection open (idle for at most 30 s)
+               silent     finishes the TLS handshake, never answers
+               notls      accepts, never starts the TLS handshake
+               refuse     closes each connection as it is accepted
+               error500   answers 500 and closes
+             silent and notls hold a connection for the seconds in control/collector-hold (300
+             when absent). The older switches control/collector-keepalive and
+             control/collector-silent (holding for the seconds it names) still work.
 
 Every accepted connection leaves <share>/connections/<server>-<n>, and every request is kept raw
 (request line, headers in order, body) as <share>/requests/<server>-<n>.http before it is
@@ -57,12 +63,45 @@ def read_request(conn, pending):
     return pending[: head_end + length], pending[head_end + length :]
 
 
+def control(share, name):
+    try:
+        with open(os.path.join(share, "control", name)) as source:
+            return source.read().strip()
+    except OSError:
+        return None
+
+
+def collector_mode(share):
+    mode = control(share, "collector-mode") or ""
+    if control(share, "collector-keepalive") is not None:
+        mode = "keepalive"
+    return mode
+
+
+def hold(share, seconds):
+    deadline = time.time() + seconds
+    while time.time() < deadline:
+        time.sleep(0.05)
+
+
+def hold_seconds(share):
+    try:
+        return float(control(share, "collector-hold") or HOLD_SECONDS)
+    except ValueError:
+        return HOLD_SECONDS
+
+
 def make_handler(name, share, tls, respond):
     class Handler(socketserver.BaseRequestHandler):
         def handle(self):
             conn = self.request
             conn.settimeout(IDLE_SECONDS)
             write_atomically(os.path.join(share, "connections", f"{name}-{next(counter):06d}"), b"")
+            mode = collector_mode(share) if name == "collector" else ""
+            if mode == "refuse":
+                return
+            if mode == "notls":
+                return hold(share, hold_seconds(share))
             try:
                 if tls:
                     conn = tls.wrap_socket(conn, server_side=True)
@@ -97,6 +136,14 @@ def file_responder(path, extra_headers=b""):
 
 def collector_responder(share):
     def respond(conn):
+        mode = collector_mode(share)
+        if mode == "silent":
+            hold(share, hold_seconds(share))
+            return False
+        if mode == "error500":
+            conn.sendall(b"HTTP/1.1 500 Internal Server Error\r\nContent-Length: 5\r\n"
+                         b"Connection: close\r\n\r\nerror")
+            return False
         control = os.path.join(share, "control")
         silent = os.path.join(control, "collector-silent")
         try:
@@ -108,7 +155,7 @@ def collector_responder(share):
             if time.time() > deadline:
                 return False
             time.sleep(0.05)
-        keep = os.path.exists(os.path.join(control, "collector-keepalive"))
+        keep = mode == "keepalive"
         conn.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: " +
                      str(len(COLLECTOR_REPLY)).encode() +
                      (b"\r\n" if keep else b"\r\nConnection: close\r\n") + b"\r\n" +
