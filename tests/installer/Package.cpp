@@ -1,5 +1,6 @@
 #include "installer/Package.h"
 
+#include <filesystem>
 #include <functional>
 
 namespace kitetest {
@@ -28,11 +29,22 @@ bool IsBackup(const std::string& path) {
            path != "CriticalFixes\\kite_journal.dat";
 }
 
+// Every file below root by its path from there, with its bytes.
+std::map<std::string, std::string> FolderState(const std::string& root) {
+    std::map<std::string, std::string> files;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (!entry.is_regular_file()) continue;
+        const std::string path = entry.path().string();
+        files[path.substr(root.size() + 1)] = ReadFileBytes(path);
+    }
+    return files;
+}
+
 // Files by name, each as its size and a hash of its bytes: short enough to read in a failure.
 Folder Summary(const std::map<std::string, std::string>& files) {
     Folder summary;
     for (const auto& entry : files) {
-        if (entry.second == "<folder>" || IsBackup(entry.first)) continue;
+        if (IsBackup(entry.first)) continue;
         summary[entry.first] = std::to_string(entry.second.size()) + ":" +
                                std::to_string(std::hash<std::string>()(entry.second) % 1000000);
     }
@@ -85,6 +97,16 @@ std::string Package::ManifestFile(const std::string& extra) const {
 }
 
 Folder Package::State() const { return Summary(FolderState(app())); }
+
+std::string RegistryValueBytes(const std::string& key, const std::string& name) {
+    std::string data(1 << 16, '\0');
+    DWORD bytes = static_cast<DWORD>(data.size());
+    if (::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), RRF_RT_ANY | RRF_NOEXPAND,
+                       nullptr, &data[0], &bytes) != ERROR_SUCCESS) {
+        return std::string();
+    }
+    return data.substr(0, bytes);
+}
 
 bool Package::ServerRegistered(const std::string& name) {
     return !RegistryValueBytes(kServersKey, name).empty();

@@ -4,7 +4,6 @@
 // product folder and the server registry key against the two states it may end in.
 #pragma once
 
-#include "support/FolderState.h"
 #include "support/KiteTest.h"
 
 #include <map>
@@ -15,6 +14,9 @@ namespace kitetest {
 using Folder = std::map<std::string, std::string>;
 
 constexpr const char* kServersKey = "Software\\KiteTest\\Servers";
+
+// The raw data of one HKLM value; empty when it does not exist.
+std::string RegistryValueBytes(const std::string& key, const std::string& name);
 
 class Package {
   public:

@@ -1,15 +1,25 @@
 #include "support/KiteTest.h"
 
-#include <shlobj.h>
-
 #include <atomic>
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <stdexcept>
 
 namespace kitetest {
+
+namespace {
+
+constexpr DWORD kChildWaitMs = 60000;
+
+// A name no other test of any process uses at the same time.
+std::string UniqueName(const std::string& tag) {
+    static std::atomic<int> counter{0};
+    return tag + "-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
+}
+
+}  // namespace
 
 std::string ExeFolder() {
     char self[MAX_PATH] = {};
@@ -30,35 +40,14 @@ std::string ReadFileBytes(const std::string& path) {
 
 void WriteFileBytes(const std::string& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    if (!out) throw std::runtime_error("cannot write " + path);
+    if (!(out << bytes)) throw std::runtime_error("cannot write " + path);
 }
 
-void CreateFolders(const std::string& path) {
-    const int status = ::SHCreateDirectoryExA(nullptr, path.c_str(), nullptr);
-    if (status != ERROR_SUCCESS && status != ERROR_ALREADY_EXISTS) {
-        throw std::runtime_error("cannot create " + path);
-    }
-}
+void CreateFolders(const std::string& path) { std::filesystem::create_directories(path); }
 
 void RemoveTree(const std::string& path) {
-    WIN32_FIND_DATAA entry;
-    HANDLE find = ::FindFirstFileA((path + "\\*").c_str(), &entry);
-    if (find != INVALID_HANDLE_VALUE) {
-        do {
-            const std::string name = entry.cFileName;
-            if (name == "." || name == "..") continue;
-            const std::string child = path + "\\" + name;
-            ::SetFileAttributesA(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                ::DeleteFileA(child.c_str());
-            }
-        } while (::FindNextFileA(find, &entry));
-        ::FindClose(find);
-    }
-    ::RemoveDirectoryA(path.c_str());
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
 }
 
 void CopyFileTo(const std::string& from, const std::string& to) {
@@ -69,10 +58,7 @@ void CopyFileTo(const std::string& from, const std::string& to) {
 
 std::string FixturePath(const std::string& name) { return ExeFolder() + "\\fixtures\\" + name; }
 
-TempFolder::TempFolder(const std::string& tag) {
-    static std::atomic<int> counter{0};
-    path_ = "C:\\kitetest\\" + tag + "-" + std::to_string(::GetCurrentProcessId()) + "-" +
-            std::to_string(++counter);
+TempFolder::TempFolder(const std::string& tag) : path_("C:\\kitetest\\" + UniqueName(tag)) {
     RemoveTree(path_);
     CreateFolders(path_);
 }
@@ -81,78 +67,49 @@ TempFolder::~TempFolder() { RemoveTree(path_); }
 
 RegistryValue::RegistryValue(const std::string& key, const std::string& name)
     : key_(key), name_(name) {
-    HKEY handle = nullptr;
-    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, KEY_READ, &handle) != ERROR_SUCCESS) {
-        return;
-    }
     DWORD bytes = 0;
-    if (::RegQueryValueExA(handle, name_.c_str(), nullptr, &type_, nullptr, &bytes) ==
-        ERROR_SUCCESS) {
-        saved_.resize(bytes);
-        ::RegQueryValueExA(handle, name_.c_str(), nullptr, &type_,
-                           reinterpret_cast<BYTE*>(&saved_[0]), &bytes);
-        existed_ = true;
+    const DWORD flags = RRF_RT_ANY | RRF_NOEXPAND;
+    existed_ = ::RegGetValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), flags, &type_,
+                              nullptr, &bytes) == ERROR_SUCCESS;
+    saved_.resize(bytes);
+    if (existed_) {
+        ::RegGetValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), flags, &type_, &saved_[0],
+                       &bytes);
     }
-    ::RegCloseKey(handle);
 }
 
-RegistryValue::~RegistryValue() {
-    if (existed_) {
-        Set(type_, saved_);
-    } else {
-        Delete();
-    }
-}
+RegistryValue::~RegistryValue() { existed_ ? Set(type_, saved_) : Delete(); }
 
 void RegistryValue::Set(DWORD type, const std::string& bytes) {
-    HKEY handle = nullptr;
-    if (::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
-                          &handle, nullptr) != ERROR_SUCCESS) {
-        throw std::runtime_error("cannot create HKLM\\" + key_);
-    }
-    ::RegSetValueExA(handle, name_.c_str(), 0, type, reinterpret_cast<const BYTE*>(bytes.data()),
-                     static_cast<DWORD>(bytes.size()));
-    ::RegCloseKey(handle);
+    ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), type, bytes.data(),
+                      static_cast<DWORD>(bytes.size()));
 }
 
-void RegistryValue::SetString(const std::string& text) {
-    Set(REG_SZ, std::string(text.c_str(), text.size() + 1));
-}
+void RegistryValue::SetString(const std::string& text) { Set(REG_SZ, text + '\0'); }
 
 void RegistryValue::SetDword(DWORD value) {
     Set(REG_DWORD, std::string(reinterpret_cast<const char*>(&value), sizeof value));
 }
 
 void RegistryValue::Delete() {
-    HKEY handle = nullptr;
-    if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, key_.c_str(), 0, KEY_WRITE, &handle) == ERROR_SUCCESS) {
-        ::RegDeleteValueA(handle, name_.c_str());
-        ::RegCloseKey(handle);
-    }
+    ::RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str());
 }
 
 RegistryKey::RegistryKey(const std::string& key) {
-    for (std::string::size_type end = key.find('\\');; end = key.find('\\', end + 1)) {
-        const std::string part = key.substr(0, end);
-        HKEY handle = nullptr;
-        if (::RegOpenKeyExA(HKEY_LOCAL_MACHINE, part.c_str(), 0, KEY_READ, &handle) !=
-            ERROR_SUCCESS) {
-            created_ = part;
-            break;
-        }
-        ::RegCloseKey(handle);
-        if (end == std::string::npos) break;
-    }
     HKEY handle = nullptr;
+    DWORD disposition = 0;
     if (::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
-                          &handle, nullptr) != ERROR_SUCCESS) {
+                          &handle, &disposition) != ERROR_SUCCESS) {
         throw std::runtime_error("cannot create HKLM\\" + key);
     }
     ::RegCloseKey(handle);
+    if (disposition == REG_CREATED_NEW_KEY) created_ = key;
 }
 
 RegistryKey::~RegistryKey() {
-    if (!created_.empty()) ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
+    if (created_.empty()) return;
+    ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
+    ::RegDeleteKeyA(HKEY_LOCAL_MACHINE, created_.c_str());
 }
 
 LogTest::LogTest() : folder_("log"), dataPath_(kCommonKey, "CommonFilesDataPath") {
@@ -181,111 +138,59 @@ KiteDll::KiteDll() : module_(::LoadLibraryA((ExeFolder() + "\\KITEUpdate.dll").c
 
 KiteDll::~KiteDll() { ::FreeLibrary(module_); }
 
-FARPROC KiteDll::ByName(const char* name) const { return ::GetProcAddress(module_, name); }
-
-FARPROC KiteDll::ByOrdinal(WORD ordinal) const {
-    return ::GetProcAddress(module_, MAKEINTRESOURCEA(ordinal));
-}
-
 std::string Quote(const std::string& text) { return "\"" + text + "\""; }
 
-HANDLE StartProcess(const std::string& commandLine) {
+// Over thousands of starts a Wine server now and then refuses one: the new process dies in its
+// own start-up, before any of its code runs. The programs started here are test hosts and
+// fixtures, not the subject, so a refused start is tried again.
+static PROCESS_INFORMATION Start(const std::string& commandLine, HANDLE output) {
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
+    startup.dwFlags = output != nullptr ? STARTF_USESTDHANDLES : 0;
+    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
+    startup.hStdOutput = startup.hStdError = output;
     PROCESS_INFORMATION process = {};
     std::string line = commandLine;
-    if (!::CreateProcessA(nullptr, &line[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
-                          &process)) {
-        throw std::runtime_error("cannot start " + commandLine);
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (::CreateProcessA(nullptr, &line[0], nullptr, nullptr, output != nullptr, 0, nullptr,
+                             nullptr, &startup, &process)) {
+            ::CloseHandle(process.hThread);
+            return process;
+        }
+        ::Sleep(200);
     }
-    ::CloseHandle(process.hThread);
-    return process.hProcess;
+    throw std::runtime_error("cannot start " + commandLine);
 }
 
+HANDLE StartProcess(const std::string& commandLine) { return Start(commandLine, nullptr).hProcess; }
+
+// The output goes to a file, not a pipe: a process that the child starts can inherit the handle
+// and outlive it (Wine starts its desktop process on a program's first COM apartment).
 ProcessResult RunProcess(const std::string& commandLine) {
+    CreateFolders("C:\\kitetest");
+    const std::string path = "C:\\kitetest\\" + UniqueName("output") + ".txt";
     SECURITY_ATTRIBUTES inherit = {sizeof inherit, nullptr, TRUE};
-    HANDLE readEnd = nullptr;
-    HANDLE writeEnd = nullptr;
-    if (!::CreatePipe(&readEnd, &writeEnd, &inherit, 0)) throw std::runtime_error("pipe");
-    ::SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = ::GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = writeEnd;
-    startup.hStdError = writeEnd;
-    PROCESS_INFORMATION process = {};
-    std::string line = commandLine;
-    // Over thousands of starts a Wine server now and then refuses one: the new process dies in
-    // its own start-up, before any of its code runs. The programs started here are test hosts
-    // and fixtures, not the subject, so a refused start is tried again and reported.
-    BOOL started = FALSE;
-    DWORD error = 0;
-    for (int attempt = 0; attempt < 3 && !started; ++attempt) {
-        if (attempt > 0) {
-            std::fprintf(stderr, "process start refused (error %lu), trying again: %s\n", error,
-                         commandLine.c_str());
-            ::Sleep(200);
-        }
-        started = ::CreateProcessA(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                                   &startup, &process);
-        error = ::GetLastError();
-    }
-    ::CloseHandle(writeEnd);
-    if (!started) {
-        ::CloseHandle(readEnd);
-        throw std::runtime_error("cannot start " + commandLine + " (error " +
-                                 std::to_string(error) + ")");
-    }
-    // Output is collected until the child exits, not until the pipe closes: a process that the
-    // child starts can inherit the pipe and outlive it (Wine starts its desktop process,
-    // explorer.exe, on a program's first COM apartment or window).
-    ProcessResult result = {0, ""};
-    char chunk[4096];
-    for (bool exited = false; !exited;) {
-        exited = ::WaitForSingleObject(process.hProcess, 10) == WAIT_OBJECT_0;
-        DWORD available = 0;
-        DWORD count = 0;
-        while (::PeekNamedPipe(readEnd, nullptr, 0, nullptr, &available, nullptr) &&
-               available > 0 &&
-               ::ReadFile(readEnd, chunk, sizeof chunk < available ? sizeof chunk : available,
-                          &count, nullptr) &&
-               count > 0) {
-            result.output.append(chunk, count);
-        }
-    }
+    HANDLE output = ::CreateFileA(path.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  &inherit, CREATE_ALWAYS, 0, nullptr);
+    const PROCESS_INFORMATION process = Start(commandLine, output);
+    ::CloseHandle(output);
+    ::WaitForSingleObject(process.hProcess, INFINITE);
+    ProcessResult result = {0, ReadFileBytes(path)};
     ::GetExitCodeProcess(process.hProcess, &result.exitCode);
     ::CloseHandle(process.hProcess);
-    ::CloseHandle(process.hThread);
-    ::CloseHandle(readEnd);
+    ::DeleteFileA(path.c_str());
     return result;
 }
 
-namespace {
-
-constexpr DWORD kChildWaitMs = 60000;
-
-HANDLE CreateNamed(HANDLE handle, const std::string& name) {
-    if (handle == nullptr) throw std::runtime_error("cannot create " + name);
-    return handle;
-}
-
-}  // namespace
-
-HeldProgram::HeldProgram() {
-    static std::atomic<int> counter{0};
-    name_ =
-        "kitechild-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
-    alive_ = CreateNamed(::CreateMutexA(nullptr, FALSE, (name_ + ".alive").c_str()), name_);
-    ready_ = CreateNamed(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".ready").c_str()), name_);
-    stop_ = CreateNamed(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".stop").c_str()), name_);
-}
+HeldProgram::HeldProgram()
+    : name_(UniqueName("kitechild")),
+      alive_(::CreateMutexA(nullptr, FALSE, (name_ + ".alive").c_str())),
+      ready_(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".ready").c_str())),
+      stop_(::CreateEventA(nullptr, TRUE, FALSE, (name_ + ".stop").c_str())) {}
 
 HeldProgram::~HeldProgram() {
     Stop();
-    ::CloseHandle(alive_);
-    ::CloseHandle(ready_);
-    ::CloseHandle(stop_);
+    for (HANDLE handle : {alive_, ready_, stop_}) ::CloseHandle(handle);
 }
 
 std::string HeldProgram::ProgramPath() { return ExeFolder() + "\\kitechild.exe"; }
@@ -299,8 +204,8 @@ void HeldProgram::Start(const std::string& exePath, const std::string& file) {
 void HeldProgram::WaitUntilRunning() {
     // A program that ends instead of holding (not kitechild, for instance) fails at once.
     HANDLE waits[] = {ready_, process_};
-    const DWORD count = process_ != nullptr ? 2 : 1;
-    if (::WaitForMultipleObjects(count, waits, FALSE, kChildWaitMs) != WAIT_OBJECT_0) {
+    if (::WaitForMultipleObjects(process_ != nullptr ? 2 : 1, waits, FALSE, kChildWaitMs) !=
+        WAIT_OBJECT_0) {
         throw std::runtime_error(name_ + " did not come up");
     }
 }
@@ -313,13 +218,12 @@ void HeldProgram::Stop() {
         if (gone == WAIT_ABANDONED || gone == WAIT_OBJECT_0) ::ReleaseMutex(alive_);
         ::ResetEvent(ready_);
     }
-    if (process_ != nullptr) {
-        if (::WaitForSingleObject(process_, kChildWaitMs) != WAIT_OBJECT_0) {
-            ::TerminateProcess(process_, 1);
-        }
-        ::CloseHandle(process_);
-        process_ = nullptr;
+    if (process_ == nullptr) return;
+    if (::WaitForSingleObject(process_, kChildWaitMs) != WAIT_OBJECT_0) {
+        ::TerminateProcess(process_, 1);
     }
+    ::CloseHandle(process_);
+    process_ = nullptr;
 }
 
 }  // namespace kitetest

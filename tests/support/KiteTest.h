@@ -61,8 +61,7 @@ class RegistryValue {
     std::string saved_;
 };
 
-// An HKLM key that a test creates; at the end it goes with its whole tree, together with the
-// keys above it that creating it added.
+// An HKLM key that a test creates; at the end it goes with its whole tree.
 class RegistryKey {
   public:
     explicit RegistryKey(const std::string& key);
@@ -71,7 +70,7 @@ class RegistryKey {
     RegistryKey& operator=(const RegistryKey&) = delete;
 
   private:
-    std::string created_;  // the topmost key that did not exist before, or empty
+    std::string created_;  // empty when the key existed before
 };
 
 // Each test gets its own common data folder with an empty log folder, and CommonFilesDataPath
@@ -106,8 +105,7 @@ class KiteDll {
     KiteDll(const KiteDll&) = delete;
     KiteDll& operator=(const KiteDll&) = delete;
 
-    FARPROC ByName(const char* name) const;
-    FARPROC ByOrdinal(WORD ordinal) const;
+    FARPROC ByName(const char* name) const { return ::GetProcAddress(module_, name); }
     template <typename Fn>
     Fn Get(const char* name) const {
         return reinterpret_cast<Fn>(reinterpret_cast<void*>(ByName(name)));
