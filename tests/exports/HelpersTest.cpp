@@ -1,9 +1,21 @@
 #include "exports/Helpers.h"
+#include "exports/SlipstreamList.h"
 
 #include "support/KiteTest.h"
 #include "support/PlatformOverride.h"
 
 namespace {
+
+// Each item's first character is a tag that is never read; empty items are skipped.
+TEST(SlipstreamList, CoversALevelWhenAnItemAfterItsTagReadsIt) {
+    const std::tuple<const char*, int, bool> rows[] = {
+        {"R3,R5", 5, true},  {"R3,R5", 4, false}, {",R3,,R5,", 5, true}, {"3,5", 3, false},
+        {"3,5", 0, true},    {"17", 7, true},     {"R", 0, true},        {",,", 0, false},
+        {"R 12x", 12, true}, {"R-4", -4, true},
+    };
+    for (const auto& [list, level, covers] : rows)
+        EXPECT_EQ(kite::SlipstreamListCovers(list, level), covers) << list << " @" << level;
+}
 
 DWORD elevationType;
 class AdminTest : public kitetest::LogTest {};
@@ -11,10 +23,10 @@ class AdminTest : public kitetest::LogTest {};
 // Under Wine the shell always says administrator, so the shell's "no" and the token's elevation
 // type come from the seam; the token itself is real.
 TEST_F(AdminTest, CheckIsUserAdminAnswersFromTheElevationType) {
-    const std::pair<DWORD, const char*> rows[] = {
-        {1, "User is not using a split token. Return value: 0"},
-        {2, "User has a split token, and the process is running elevated. Return value: 1"},
-        {3, "User has a split token, but the process is not running elevated. Return value: 0"},
+    const char* rows[] = {
+        "User is not using a split token. Return value: 0",
+        "User has a split token, and the process is running elevated. Return value: 1",
+        "User has a split token, but the process is not running elevated. Return value: 0",
     };
     kitetest::PlatformOverride platform;
     platform.calls().IsUserAnAdmin = []() -> BOOL { return FALSE; };
@@ -24,12 +36,11 @@ TEST_F(AdminTest, CheckIsUserAdminAnswersFromTheElevationType) {
         *used = sizeof(DWORD);
         return TRUE;
     };
-    for (const auto& row : rows) {
-        elevationType = row.first;
+    for (elevationType = 1; elevationType <= 3; ++elevationType) {
         ClearLog();
-        EXPECT_EQ(kite::CheckIsUserAdmin(), row.first == 2 ? 1 : 0) << row.second;
-        EXPECT_EQ(ReadMaskedLog(),
-                  kitetest::Trail("CheckIsUserAdmin", row.second + std::string("\r\n")));
+        EXPECT_EQ(kite::CheckIsUserAdmin(), elevationType == 2 ? 1 : 0) << elevationType;
+        EXPECT_EQ(ReadMaskedLog(), kitetest::Trail("CheckIsUserAdmin",
+                                                   rows[elevationType - 1] + std::string("\r\n")));
     }
 }
 

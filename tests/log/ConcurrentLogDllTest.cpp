@@ -22,15 +22,15 @@ TEST_F(ConcurrentLogTest, ProcessesAndThreadsLoggingAtOnceLoseNoLine) {
     std::vector<HANDLE> hosts;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
-        const std::string list = "ABCD"[i] + std::to_string(7 + i);
+        const std::string list = "ABCD"[i] + std::to_string(7 + i), level = list.substr(1);
         const std::string settings = folder_ / (list + ".ini");
         kitetest::WriteFileBytes(settings, "[KITEApplicability]\r\nSlipstreams=" + list + "\r\n");
-        expected["Applicability = " + list + "\r"] =
-            expected["Slipstream = " + list.substr(1) + "\r"] = calls;
+        expected["Applicability = " + list + "\r"] = expected["Slipstream = " + level + "\r"] =
+            calls;
         if (i < 2) {
-            hosts.push_back(kitetest::StartProcess(
-                Quote(kitetest::ExeFolder() + "\\kitestress.exe") + " " + Quote(settings) + " " +
-                std::to_string(7 + i) + " " + std::to_string(calls)));
+            hosts.push_back(kitetest::StartProcess(Quote(kitetest::HeldProgram::ProgramPath()) +
+                                                   " stress " + Quote(settings) + " " + level +
+                                                   " " + std::to_string(calls)));
         } else {
             threads.emplace_back([=] {
                 for (int n = 0; n < calls; ++n) applicable(7 + i, settings);
@@ -51,27 +51,24 @@ TEST_F(ConcurrentLogTest, InstallationFinishesWhileAnotherProcessHoldsTheLineLoc
     kitetest::KiteServers servers;
     kitetest::WriteFileBytes(folder_ / "new.txt", "new");
     kitetest::CreateFolders(folder_ / "product");
-    const std::string name = "kitelock-" + std::to_string(::GetCurrentProcessId());
-    HANDLE ready = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".ready").c_str());
-    HANDLE stop = ::CreateEventA(nullptr, TRUE, FALSE, (name + ".stop").c_str());
-    HANDLE holder = kitetest::StartProcess(Quote(kitetest::ExeFolder() + "\\kitechild.exe") +
-                                           " lock " + Quote(LogPath()) + " " + name);
-    ASSERT_EQ(::WaitForSingleObject(ready, 60000), WAIT_OBJECT_0);
+    kitetest::HeldProgram holder;  // named events only: the lock role owns no "alive" mutex
+    HANDLE locking = kitetest::StartProcess(Quote(holder.ProgramPath()) + " lock " +
+                                            Quote(LogPath()) + " " + holder.Arguments().substr(5));
+    holder.WaitUntilRunning();
     kitetest::KiteDll dll;
     const std::string manifest = "<commands><appdir>" + (folder_ / "product") +
                                  "</appdir><command><src>" + (folder_ / "new.txt") + "</src><dst>" +
                                  (folder_ / "product\\new.txt") +
                                  "</dst><register>0</register></command></commands>";
-    auto installing = std::async(std::launch::async, [&] {
-        return dll.Get<InstallKiteFn>("InstallKite")(manifest.c_str());
-    });
+    const auto install = dll.Get<InstallKiteFn>("InstallKite");
+    auto installing = std::async(std::launch::async, [&] { return install(manifest.c_str()); });
     EXPECT_EQ(installing.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    ::SetEvent(stop);
+    holder.Stop();
     EXPECT_EQ(installing.get(), 0);
     EXPECT_NE(ReadMaskedLog().find("<stamp> : Exiting CKiteInstaller::Install\r\n"),
               std::string::npos);
-    ::WaitForSingleObject(holder, 60000);
-    for (HANDLE h : {ready, stop, holder}) ::CloseHandle(h);
+    ::WaitForSingleObject(locking, 60000);
+    ::CloseHandle(locking);
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 
 #include "support/KiteTest.h"
 
+#include <filesystem>
+
 namespace {
 
 using kitetest::MaskStamps;
@@ -12,9 +14,9 @@ class ScopeLogTest : public kitetest::LogTest {};
 
 // A traced function logs and then reports GetLastError: the log's own file calls (opening an
 // existing file sets 183) must not replace the code it reports.
-TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesAndKeepTheLastError) {
-    SYSTEMTIME before;
-    ::GetLocalTime(&before);
+TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesKeepTheLastErrorAndFollowTheFolder) {
+    SYSTEMTIME now;
+    ::GetLocalTime(&now);
     ::SetLastError(ERROR_SHARING_VIOLATION);
     {
         kite::ScopeLog outer("Outer::Scope");
@@ -32,59 +34,51 @@ TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesAndKeepTheLastError) {
                                    Trail("Inner", "flags 10\r\n") +
                                    "after\r\n<stamp> : Exiting Outer::Scope\r\n");
     char today[16];
-    std::snprintf(today, sizeof today, "%04d-%02d-%02d.", before.wYear, before.wMonth, before.wDay);
+    std::snprintf(today, sizeof today, "%04d-%02d-%02d.", now.wYear, now.wMonth, now.wDay);
     EXPECT_EQ(ReadLog().substr(0, 11), today);
-}
 
-// A host that keeps running recreates a deleted log and follows a new data folder.
-TEST_F(ScopeLogTest, NextScopeFollowsTheDataFolder) {
-    { kite::ScopeLog log("First"); }
+    // A host that keeps running recreates a deleted log and follows a new data folder.
     ASSERT_TRUE(::DeleteFileA(LogPath().c_str()));
     { kite::ScopeLog log("Again"); }
     kitetest::TempFolder other("moved");
     kitetest::CreateFolders(other / "twupdate\\log");
     dataPath_.SetString(other.path());
-    { kite::ScopeLog log("Second"); }
+    { kite::ScopeLog log("Moved"); }
     EXPECT_EQ(ReadMaskedLog(), Trail("Again", ""));
     EXPECT_EQ(MaskStamps(kitetest::ReadFileBytes(other / "twupdate\\log\\CRITICALFIXES.LOG")),
-              Trail("Second", ""));
+              Trail("Moved", ""));
 }
 
-// A log renamed or grown over 100 MiB while an installation runs is started afresh by
-// its next scope.
+// A log renamed (size 1 here) or grown over 100 MiB while an installation runs is started afresh
+// by its next scope; one of exactly 100 MiB is appended to. The file is sparse.
 TEST_F(ScopeLogTest, NextScopeStartsAFreshLogWhenTheOldIsGoneOrTooLarge) {
-    const std::string path = LogPath(), old = path + ".old";
-    for (const LONGLONG size : {1LL, 104857600LL, 104857601LL}) {  // 1: renamed
+    const std::string path = LogPath();
+    for (const LONGLONG size : {1LL, 104857600LL, 104857601LL}) {
         ClearLog();
         {
             kite::ScopeLog outer("Outer");
-            const LARGE_INTEGER end = {
-                {static_cast<DWORD>(size), 0}};  // sparse: no 100 MiB written
-            HANDLE file =
-                ::CreateFileA(path.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, 0);
-            ASSERT_TRUE(size < 2 ||
-                        (::SetFilePointerEx(file, end, nullptr, 0) && ::SetEndOfFile(file)));
-            ::CloseHandle(file);
-            ASSERT_TRUE(size > 1 || ::MoveFileA(path.c_str(), old.c_str()));
+            namespace fs = std::filesystem;
+            size > 1 ? fs::resize_file(path, size) : fs::rename(path, path + ".old");
             kite::ScopeLog inner("Inner");
         }
         const std::string log = ReadLog();
-        EXPECT_EQ(MaskStamps(log.substr(
-                      size == 104857600LL ? std::min<std::size_t>(size, log.size()) : 0)),
-                  Trail("Inner", "") + "<stamp> : Exiting Outer\r\n")
-            << size;
+        const std::size_t kept = std::min<std::size_t>(size == 104857600LL ? size : 0, log.size());
+        const std::string added = log.substr(kept, 1000);
+        EXPECT_EQ(log.size(), kept + added.size()) << size;
+        EXPECT_EQ(MaskStamps(added), Trail("Inner", "") + "<stamp> : Exiting Outer\r\n") << size;
     }
 }
 
 // What the reader answers for each kind of stored value (a 3000-character string takes a second
 // query), and which values become the log's folder: strings of fewer than 260 characters.
 TEST(CommonFilesDataPath, OnlyAStringShorterThan260CharactersIsTheFolder) {
-    const std::string path259 = "C:\\" + std::string(256, 'p');
-    const std::tuple<DWORD, std::string, long, bool> rows[] = {
-        {REG_SZ, "C:\\Data", 0, true},     {REG_SZ, path259, 0, true},
-        {REG_SZ, path259 + "p", 0, false}, {REG_SZ, std::string(3000, 'x'), 0, false},
-        {REG_DWORD, "\1\1\1", -6, false},  {REG_EXPAND_SZ, "C:\\Data", -6, false},
-        {0 /* no value */, "", 3, false}};
+    const std::string path259 = "C:\\" + std::string(256, 'p'), big(3000, 'x');
+    const std::tuple<DWORD, std::string, long, bool> rows[] = {{REG_SZ, path259, 0, true},
+                                                               {REG_SZ, path259 + "p", 0, false},
+                                                               {REG_SZ, big, 0, false},
+                                                               {REG_DWORD, "\1\1\1", -6, false},
+                                                               {REG_EXPAND_SZ, path259, -6, false},
+                                                               {0, "", 3, false}};  // 0: no value
     kitetest::RegistryValue value(kitetest::kCommonKey, "CommonFilesDataPath");
     for (const auto& [type, text, status, folder] : rows) {
         type ? value.Set(type, std::string(text.c_str(), text.size() + 1)) : value.Delete();

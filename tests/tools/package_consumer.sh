@@ -3,20 +3,18 @@
 # one line, built with the DLL's toolchain, and run. Also: the DLL in it is stripped and names
 # its debug file, which lies beside it.
 set -euo pipefail
-build=$1 source=$2 toolchain=$3
-work=$build/package-test
+build=$1 source=$2 toolchain=$3 work=$1/package-test
 rm -rf "$work" && mkdir -p "$work/unpacked"
 (cd "$build" && cpack -G ZIP -B "$work" >/dev/null)
 (cd "$work/unpacked" && cmake -E tar xf "$work"/KITEUpdate-*-win64.zip)
 prefix=$(echo "$work"/unpacked/KITEUpdate-*-win64)
 dll=$(x86_64-w64-mingw32-objdump -h "$prefix/bin/KITEUpdate.dll")
 symbols=$(x86_64-w64-mingw32-objdump -h "$prefix/bin/KITEUpdate.dll.debug")
-grep -q '\.gnu_debuglink' <<<"$dll" && ! grep -q '\.debug_info' <<<"$dll" &&
-    grep -q '\.debug_info' <<<"$symbols" || { echo "no stripped DLL with its debug file"; exit 1; }
+grep -q '\.gnu_debuglink' <<<"$dll" && ! grep -q '\.debug_info' <<<"$dll" && grep -q '\.debug_info' <<<"$symbols" ||
+    { echo "no stripped DLL with its debug file"; exit 1; }
 cmake -S "$source/examples" -B "$work/example" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
     -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/example" >/dev/null
 cp "$prefix/bin/KITEUpdate.dll" "$work/example/"
-rm -rf "$WINEPREFIX/drive_c/kitetest/package-consumer"
-mkdir -p "$WINEPREFIX/drive_c/kitetest/package-consumer"
+rm -rf "$WINEPREFIX/drive_c/kitetest/package-consumer" && mkdir -p "$WINEPREFIX/drive_c/kitetest/package-consumer"
 /usr/lib/wine/wine64 "$work/example/kiteforcecheck.exe" 'C:\kitetest\package-consumer' | tr -d '\r'
