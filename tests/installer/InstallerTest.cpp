@@ -1,10 +1,9 @@
-// Whole installations over a real product folder under Wine: the two outcomes, what is refused
-// before the first change, and what the undo does when a new file cannot be deleted.
+// Whole installations over a real product folder: the two outcomes, what is refused before the
+// first change, the copy's retries, and what the undo does with a new file it cannot delete.
 #include "KITEUpdate.h"
 #include "installer/Package.h"
 #include "support/PlatformOverride.h"
 
-#include <cstring>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -15,35 +14,17 @@ namespace {
 constexpr long kBadDigest = static_cast<long>(0x80096010L);
 // sha256 of the package's readme.txt, "new notes\r\n".
 constexpr const char* kReadmeDigest =
-    "24AD3EE6303B5F041317E2150BD5436BA31675F1B5F0A73D4C76AA3D388621C2";
+    "<sha256>24AD3EE6303B5F041317E2150BD5436BA31675F1B5F0A73D4C76AA3D388621C2</sha256>";
 
 using InstallerTest = InstallationTest;
 
-// The file name of the path between two markers of a line.
-std::string NameBetween(const std::string& line, const char* from, const char* to) {
-    const std::string::size_type start = line.find(from) + std::strlen(from);
-    const std::string path = line.substr(start, line.find(to, start) - start);
-    return path.substr(path.rfind('\\') + 1);
-}
-
-// The undo's own steps in the order the log shows them: D delete, R rename back, U unregister,
-// G register again, M marker.
-std::vector<std::string> UndoSteps(const std::string& log) {
-    std::vector<std::string> steps;
-    std::istringstream lines(log.substr(log.find("Entering CKiteInstaller::Abort")));
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("Exiting CKiteInstaller::Abort") != std::string::npos) break;
-        if (line.rfind("Deleting ", 0) == 0)
-            steps.push_back("D " + NameBetween(line, "Deleting ", " - "));
-        if (line.rfind("Rename: ", 0) == 0)
-            steps.push_back("R " + NameBetween(line, " => ", " ret"));
-        if (line.rfind("File: ", 0) == 0) {
-            const bool again = line.find("Register: 1") != std::string::npos;
-            steps.push_back((again ? "G " : "U ") + NameBetween(line, "File: ", " Register"));
-        }
-        if (line.rfind("creating: ", 0) == 0) steps.push_back("M");
+// Each text is found in the log after the one before it.
+void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
+    std::string::size_type at = 0;
+    for (const std::string& text : texts) {
+        at = log.find(text, at);
+        ASSERT_NE(at, std::string::npos) << text << " missing or out of order";
     }
-    return steps;
 }
 
 TEST_F(InstallerTest, CommitsOrUndoesNewestFirst) {
@@ -58,43 +39,43 @@ TEST_F(InstallerTest, CommitsOrUndoesNewestFirst) {
     Package package("kitecom_fail");
     EXPECT_EQ(InstallKite(package.Manifest().c_str()), static_cast<long>(E_FAIL));
     package.ExpectUndone();
-    const std::vector<std::string> expected = {"U Server.dll",   "D TwReports.dll",
-                                               "D Server.dll",   "R Server.dll",
-                                               "G Server.dll",   "D readme.txt",
-                                               "R readme.txt",   "D Options.DLL",
-                                               "R Options.DLL",  "D BASECORE.DLL",
-                                               "R BASECORE.DLL", "D tww.exe",
-                                               "R tww.exe",      "M"};
-    EXPECT_EQ(UndoSteps(ReadLog()), expected);
+    const std::string app = package.app() + "\\";
+    std::vector<std::string> undo = {"Entering CKiteInstaller::Abort",
+                                     "File: " + app + "Server.dll Register: 0ServerType: 2",
+                                     "Deleting " + app + "Reports\\TwReports.dll - Success.\r\n"};
+    for (const char* name :
+         {"Server.dll", "readme.txt", "Options.DLL", "BASECORE.DLL", "tww.exe"}) {
+        undo.push_back("Deleting " + app + name + " - Success.\r\n");
+        undo.push_back(" => " + app + name + " ret = 1\r\n");
+        if (std::string(name) == "Server.dll")
+            undo.push_back("File: " + app + name + " Register: 1ServerType: 2");
+    }
+    undo.push_back("creating: " + package.Marker() + "\r\n");
+    ExpectInOrder(ReadLog(), undo);
 }
 
 TEST_F(InstallerTest, HostileCommandsAreRefusedBeforeAnyChange) {
     Package package("");
-    const std::string app = package.app();
-    const std::string good = package.pkg() + "\\readme.txt";
-    const struct {
-        const char* what;
-        std::string src;
-        std::string dst;
-    } rows[] = {
-        {"climbs out", good, app + "\\..\\evil.dll"},
-        {"another folder", good, "C:\\windows\\evil.dll"},
-        {"long-path prefix", good, "\\\\?\\" + app + "\\x.dll"},
-        {"device prefix", good, "\\\\.\\" + app.substr(0, 2) + "\\x.dll"},
-        {"stream", good, app + "\\x.dll:payload"},
-        {"device name", good, app + "\\sub\\COM1.txt"},
-        {"trailing dot", good, app + "\\x.dll."},
-        {"forward slash", good, app + "\\sub/..\\x.dll"},
-        {"own marker", good, app + "\\CriticalFixes\\force_apply_kite.dat"},
-        {"aside name too long", good, app + "\\" + std::string(215, 'd') + "\\x.dll"},
-        {"no folder", good, "x.dll"},
-        {"source device", "NUL", app + "\\x.dll"},
+    const std::string app = package.app(), good = package.pkg() + "\\readme.txt";
+    const std::pair<std::string, std::string> rows[] = {
+        {good, app + "\\..\\evil.dll"},
+        {good, "C:\\windows\\evil.dll"},
+        {good, "\\\\?\\" + app + "\\x.dll"},
+        {good, "\\\\.\\" + app.substr(0, 2) + "\\x.dll"},
+        {good, app + "\\x.dll:payload"},
+        {good, app + "\\sub\\COM1.txt"},
+        {good, app + "\\x.dll."},
+        {good, app + "\\sub/..\\x.dll"},
+        {good, package.Marker()},
+        {good, app + "\\" + std::string(215, 'd') + "\\x"},
+        {good, "x.dll"},
+        {"NUL", app + "\\x.dll"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [src, dst] : rows) {
+        SCOPED_TRACE(src + " => " + dst);
         ClearLog();
         std::string manifest = package.Manifest();
-        manifest.insert(manifest.rfind("</commands>"), Package::Command(row.src, row.dst, 0));
+        manifest.insert(manifest.rfind("</commands>"), Package::Command(src, dst, 0));
         EXPECT_EQ(InstallKite(manifest.c_str()), static_cast<long>(E_FAIL));
         EXPECT_EQ(package.State(), package.before());
         EXPECT_NE(ReadLog().find("refused command 6 ("), std::string::npos);
@@ -104,50 +85,33 @@ TEST_F(InstallerTest, HostileCommandsAreRefusedBeforeAnyChange) {
 TEST_F(InstallerTest, PayloadsAreVerifiedBeforeAnyChange) {
     Package package("");
     RegistryValue policy(kCommonKey, "KiteRequireDigests");
-    const std::string readme =
-        Package::Command(package.pkg() + "\\readme.txt", package.app() + "\\readme.txt", 0,
-                         std::string("<sha256>") + kReadmeDigest + "</sha256>");
-    const std::string onlyReadme = package.ManifestOf(readme);
+    const std::string src = package.pkg() + "\\readme.txt", dst = package.app() + "\\readme.txt";
     const std::string wrong = "<sha256>" + std::string(64, 'a') + "</sha256>";
-    const struct {
-        const char* what;
-        std::string manifest;
-        DWORD policy;
-        bool held;
-        long result;
-    } rows[] = {
-        {"matching", onlyReadme, 0, false, 0},
-        {"matching, required", onlyReadme, 1, false, 0},
-        {"wrong",
-         onlyReadme.substr(0, onlyReadme.find("<sha256>")) + wrong + "</command></commands>", 0,
-         false, kBadDigest},
-        {"malformed", package.Manifest("<sha256>12ab</sha256>"), 0, false, kBadDigest},
-        {"source held by another", onlyReadme, 0, true, kBadDigest},
-        {"required, missing", package.Manifest(), 1, false, kBadDigest},
+    const auto readme = [&](const std::string& digest) {
+        return package.ManifestOf(Package::Command(src, dst, 0, digest));
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
+    const std::tuple<std::string, DWORD, bool, long> rows[] = {
+        {readme(kReadmeDigest), 1, false, 0},                               // matching, required
+        {readme(wrong), 0, false, kBadDigest},                              // wrong
+        {package.Manifest("<sha256>12ab</sha256>"), 0, false, kBadDigest},  // malformed
+        {readme(kReadmeDigest), 0, true, kBadDigest},                       // held by another
+        {package.Manifest(), 1, false, kBadDigest},                         // required, missing
+    };
+    for (const auto& [manifest, required, held, result] : rows) {
+        SCOPED_TRACE(manifest);
         ClearLog();
-        policy.SetDword(row.policy);
-        {
-            HeldProgram holder;
-            if (row.held) holder.Start(HeldProgram::ProgramPath(), package.pkg() + "\\readme.txt");
-            EXPECT_EQ(InstallKite(row.manifest.c_str()), row.result);
-        }
-        if (row.result != 0) {
-            EXPECT_EQ(package.State(), package.before());
-            continue;
-        }
-        EXPECT_EQ(ReadFileBytes(package.app() + "\\readme.txt"), "new notes\r\n");
-        WriteFileBytes(package.app() + "\\readme.txt", "old notes\r\n");
+        policy.SetDword(required);
+        HeldProgram holder;
+        if (held) holder.Start(HeldProgram::ProgramPath(), src);
+        EXPECT_EQ(InstallKite(manifest.c_str()), result);
+        EXPECT_EQ(ReadFileBytes(dst), result == 0 ? "new notes\r\n" : "old notes\r\n");
+        WriteFileBytes(dst, "old notes\r\n");
     }
     ClearLog();
-    policy.SetDword(0);
-    InstallKite(rows[2].manifest.c_str());
-    EXPECT_NE(ReadLog().find("refused command 1 (" + package.app() + "\\readme.txt): sha256 of " +
-                             package.pkg() +
-                             "\\readme.txt is 24ad3ee6303b5f041317e2150bd5436ba3167"
-                             "5f1b5f0a73d4c76aa3d388621c2, expected " +
+    InstallKite(std::get<0>(rows[1]).c_str());
+    EXPECT_NE(ReadLog().find("refused command 1 (" + dst + "): sha256 of " + src +
+                             " is 24ad3ee6303b5f041317e2150bd5436ba31675f1b5f0a73d4c76aa3d388621c2,"
+                             " expected " +
                              std::string(64, 'a') + "\r\n"),
               std::string::npos);
 }
@@ -158,9 +122,8 @@ TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
     Package package("");
     PlatformOverride platform;
     static std::string src;
-    static int copies;
+    static int copies, writable;
     static std::vector<DWORD> waits;
-    static int writable;
     src = package.pkg() + "\\readme.txt";
     copies = writable = 0;
     waits.clear();
@@ -172,15 +135,13 @@ TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
         if (file != INVALID_HANDLE_VALUE) writable += ::CloseHandle(file);
     };
     const std::string dst = package.app() + "\\readme.txt";
-    const std::string digest = std::string("<sha256>") + kReadmeDigest + "</sha256>";
-    EXPECT_EQ(InstallKite(package.ManifestOf(Package::Command(src, dst, 0, digest)).c_str()),
+    EXPECT_EQ(InstallKite(package.ManifestOf(Package::Command(src, dst, 0, kReadmeDigest)).c_str()),
               static_cast<long>(E_FAIL));
     EXPECT_EQ(copies, 4);
     EXPECT_EQ(waits, std::vector<DWORD>(3, 1000));
     EXPECT_EQ(writable, 0);
-    EXPECT_NE(ReadLog().find("CopyFile_s for file " + src + " to destination " + dst +
-                             "failed in attempt  3\r\n"),
-              std::string::npos);
+    ExpectInOrder(ReadLog(), {"CopyFile_s for file " + src + " to destination " + dst +
+                              "failed in attempt  3\r\n"});
     package.ExpectUndone();
 }
 
@@ -194,8 +155,9 @@ TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
     PlatformOverride platform;
     static std::unique_ptr<HeldProgram> holder;
     static std::string program;
-    static decltype(kite::PlatformCalls::CreateProcessA) start;
     program = package.app() + "\\tww.exe";
+    // The registration of the first server comes after every copy: hold the new program then.
+    static decltype(kite::PlatformCalls::CreateProcessA) start;
     start = platform.calls().CreateProcessA;
     platform.calls().CreateProcessA = [](LPCSTR a, LPSTR b, LPSECURITY_ATTRIBUTES c,
                                          LPSECURITY_ATTRIBUTES d, BOOL e, DWORD f, LPVOID g,

@@ -29,24 +29,16 @@ bool IsBackup(const std::string& path) {
            path != "CriticalFixes\\kite_journal.dat";
 }
 
-// Every file below root by its path from there, with its bytes.
-std::map<std::string, std::string> FolderState(const std::string& root) {
-    std::map<std::string, std::string> files;
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
-        if (!entry.is_regular_file()) continue;
-        const std::string path = entry.path().string();
-        files[path.substr(root.size() + 1)] = ReadFileBytes(path);
-    }
-    return files;
-}
-
-// Files by name, each as its size and a hash of its bytes: short enough to read in a failure.
-Folder Summary(const std::map<std::string, std::string>& files) {
+// Every file below root but the backup copies (which an undo keeps), by its path from there, as
+// its size and a hash of its bytes: short enough to read in a failure.
+Folder Summary(const std::string& root) {
     Folder summary;
-    for (const auto& entry : files) {
-        if (IsBackup(entry.first)) continue;
-        summary[entry.first] = std::to_string(entry.second.size()) + ":" +
-                               std::to_string(std::hash<std::string>()(entry.second) % 1000000);
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        const std::string path = entry.path().string(), name = path.substr(root.size() + 1);
+        if (!entry.is_regular_file() || IsBackup(name)) continue;
+        const std::string bytes = ReadFileBytes(path);
+        summary[name] = std::to_string(bytes.size()) + ":" +
+                        std::to_string(std::hash<std::string>()(bytes) % 1000000);
     }
     return summary;
 }
@@ -69,7 +61,7 @@ Package::Package(const std::string& newServer)
     }
     ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, kServersKey, "Server.dll", REG_SZ, "registered", 11);
     before_ = State();
-    installed_ = Summary(FolderState(pkg()));
+    installed_ = Summary(pkg());
 }
 
 std::string Package::Command(const std::string& src, const std::string& dst, int type,
@@ -96,7 +88,7 @@ std::string Package::ManifestFile(const std::string& extra) const {
     return path;
 }
 
-Folder Package::State() const { return Summary(FolderState(app())); }
+Folder Package::State() const { return Summary(app()); }
 
 std::string RegistryValueBytes(const std::string& key, const std::string& name) {
     std::string data(1 << 16, '\0');
@@ -120,7 +112,8 @@ void Package::ExpectCommitted() const {
 
 void Package::ExpectUndone() const {
     Folder expected = before_;
-    expected["CriticalFixes\\force_apply_kite.dat"] = Summary({{"m", ""}})["m"];
+    expected["CriticalFixes\\force_apply_kite.dat"] =
+        "0:" + std::to_string(std::hash<std::string>()("") % 1000000);
     EXPECT_EQ(State(), expected);
     EXPECT_TRUE(ServerRegistered("Server.dll"));
     EXPECT_FALSE(ServerRegistered("TwReports.dll"));

@@ -21,8 +21,7 @@ void CreateFolders(const std::string& path);
 void RemoveTree(const std::string& path);
 void CopyFileTo(const std::string& from, const std::string& to);
 
-// A file that the build made for the tests, in the "fixtures" folder next to the test program
-// (product files with version resources, for instance "tw-program-4012.exe").
+// A file the build made for the tests, in "fixtures" beside the test program.
 std::string FixturePath(const std::string& name);
 
 // A fresh folder C:\kitetest\<tag>-<pid>-<n>, removed with its contents at the end.
@@ -90,10 +89,8 @@ class LogTest : public ::testing::Test {
     RegistryValue dataPath_;
 };
 
-// Replaces every "YYYY-MM-DD.HH:MM:SS : Entering|Exiting " stamp by "<stamp>"; a stamp of any
-// other form stays and so fails the comparison that follows.
+// Every "YYYY-MM-DD.HH:MM:SS : Entering|Exiting " stamp as "<stamp>"; one of any other form stays.
 std::string MaskStamps(const std::string& log);
-
 // The expected trail of one scope: entering line, message lines, exiting line, CRLF each.
 std::string Trail(const std::string& scope, const std::string& messages);
 
