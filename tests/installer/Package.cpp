@@ -119,19 +119,12 @@ void Package::ExpectUndone() const {
     EXPECT_FALSE(ServerRegistered("TwReports.dll"));
 }
 
-const char* Package::ExpectSettled() const {
+void Package::ExpectSettled() const {
     const Folder now = State();
-    if (now == installed_) {
-        ExpectCommitted();
-        return "committed";
-    }
-    if (now == before_) {
-        EXPECT_TRUE(ServerRegistered("Server.dll"));
-        EXPECT_FALSE(ServerRegistered("TwReports.dll"));
-        return "untouched";
-    }
-    ExpectUndone();
-    return "undone";
+    if (now == installed_) return ExpectCommitted();
+    if (now != before_) return ExpectUndone();
+    EXPECT_TRUE(ServerRegistered("Server.dll"));
+    EXPECT_FALSE(ServerRegistered("TwReports.dll"));
 }
 
 }  // namespace kitetest

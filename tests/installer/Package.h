@@ -46,8 +46,8 @@ class Package {
     void ExpectCommitted() const;
     void ExpectUndone() const;
     // Committed, or undone with its marker, or untouched without one (refused before the first
-    // change): what any fault may leave. Returns which.
-    const char* ExpectSettled() const;
+    // change): what any fault may leave.
+    void ExpectSettled() const;
 
   private:
     std::string newServer_;

@@ -134,7 +134,7 @@ TEST_F(ReliabilityTest, FaultAtEveryCallLeavesTheFolderSettled) {
                     break;
                 }
                 if (CommittedBut(package)) continue;
-                inUndo ? ExpectUndoneButOne(package) : (void)package.ExpectSettled();
+                inUndo ? ExpectUndoneButOne(package) : package.ExpectSettled();
             }
         }
     }
