@@ -1,5 +1,4 @@
-// The loopback servers of the test set-up (scripts/kiteservers.py), seen through the folder
-// C:\kiteservers that both sides share: what they serve, and every request they received.
+// The loopback servers (scripts/kiteservers.py), seen through the folder they share with Wine.
 #pragma once
 
 #include "support/KiteTest.h"
@@ -15,8 +14,7 @@ struct HttpRequest {
     std::string raw, body;  // raw: request line, headers in order, blank line, body
 };
 
-// While one lives, the registry points the library at the servers; records and content are
-// cleared when it is made.
+// While one lives, the registry points the library at the servers (cleared when it is made).
 class KiteServers {
   public:
     KiteServers();
