@@ -1,6 +1,4 @@
-// The loopback servers that the test set-up starts (kiteservers.py), seen from a Windows test
-// program through the folder C:\kiteservers that both sides share: the content they serve, and
-// every connection and request they received.
+// The loopback servers (scripts/kiteservers.py), seen through the folder they share with Wine.
 #pragma once
 
 #include "support/KiteTest.h"
@@ -10,53 +8,36 @@
 
 namespace kitetest {
 
+inline const std::string kShare = "C:\\kiteservers\\";
+
 struct HttpRequest {
-    std::string raw;  // as received: request line, headers in order, blank line, body
-    std::string head;
-    std::string body;
+    std::string raw, body;  // raw: request line, headers in order, blank line, body
 };
 
-// One event as the collector received it: its kind and the message it carries.
-struct ReceivedEvent {
-    bool isError;
-    std::string message;
-    std::string body;
-};
-
-// While one lives, the registry points the library at the servers; every record and every piece
-// of content is cleared when it is made.
+// While one lives, the registry points the library at the servers (cleared when it is made).
 class KiteServers {
   public:
     KiteServers();
-    KiteServers(const KiteServers&) = delete;
-    KiteServers& operator=(const KiteServers&) = delete;
-
-    // Host:port of the configuration and restore servers; host of the collector (port 443).
-    std::string config, restore, collector;
-
-    void ServeConfiguration(const std::string& document) const;
-    void ServeRestoreFile(const std::string& content) const;
+    std::string config, restore, collector;  // host:port; the collector's host (port 443)
+    void ServeConfiguration(const std::string& document) const {
+        WriteFileBytes(kShare + "config\\SplunkConfig.xml", document);
+    }
+    void ServeRestoreFile(const std::string& content) const {
+        WriteFileBytes(kShare + "restore\\restorekite.ini", content);
+    }
     // How the collector behaves (see scripts/kiteservers.py); "" answers and closes.
-    void SetCollectorMode(const std::string& mode, int holdSeconds = 30) const;
-    // Served documents go away: their servers answer 404.
-    void Clear() const;
-
-    // What a server ("config", "restore", "collector") received, in arrival order.
-    std::vector<HttpRequest> Requests(const std::string& server) const;
+    void SetCollectorMode(const std::string& mode, int holdSeconds = 30) const {
+        WriteFileBytes(kShare + "control\\collector-mode", mode);
+        WriteFileBytes(kShare + "control\\collector-hold", std::to_string(holdSeconds));
+    }
+    void Clear() const;  // served documents go away too: 404
+    std::vector<HttpRequest> Requests(const std::string& server) const;  // in arrival order
     int Connections(const std::string& server) const;
-    // The events the collector received, in arrival order.
-    std::vector<ReceivedEvent> Events() const;
-    // Only the messages, each prefixed "error: " or "info: ".
-    std::vector<std::string> EventMessages() const;
-
-    // Set by the test programs that link the library: waits for its queued events.
-    static void (*beforeReading)();
-
-    RegistryValue configServer_;
-    RegistryValue restoreServer_;
+    static void (*beforeReading)();  // waits for the library's queued events
+    RegistryValue configServer_, restoreServer_;
 };
 
-// The document of the tests: both channels enabled, each endpoint set with its own path.
+// Both channels enabled, each endpoint set with its own path.
 std::string CollectorConfiguration(const std::string& collector);
 
 }  // namespace kitetest
