@@ -115,7 +115,9 @@ TEST_F(TelemetryNetworkTest, NoCollectorHoldsAnInstallation) {
             EXPECT_GE(events, 3u) << "every event is gone out";
             EXPECT_EQ(servers_.Connections("collector"), static_cast<int>(events));
         }
-        if (expected >= 0) EXPECT_EQ(events, expected ? healthy[fail] : 0u) << mode;
+        if (expected >= 0) {
+            EXPECT_EQ(events, expected ? healthy[fail] : 0u) << mode;
+        }
     }
 }
 
