@@ -1,7 +1,5 @@
 #include "common/Text.h"
 
-#include <windows.h>
-
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -16,6 +14,16 @@ int TextToInt(const char* text) {
     if (value > INT_MAX) return INT_MAX;
     if (value < INT_MIN) return INT_MIN;
     return static_cast<int>(value);
+}
+
+std::vector<std::string> SplitText(const std::string& text, char separator) {
+    std::vector<std::string> pieces;
+    for (std::string::size_type start = 0;;) {
+        const std::string::size_type end = text.find(separator, start);
+        pieces.push_back(text.substr(start, end - start));
+        if (end == std::string::npos) return pieces;
+        start = end + 1;
+    }
 }
 
 std::wstring WidenText(const std::string& text, unsigned int codePage) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace kite {
 
@@ -10,6 +11,9 @@ namespace kite {
 // being undefined.
 int TextToInt(const char* text);
 inline int TextToInt(const std::string& text) { return TextToInt(text.c_str()); }
+
+// The pieces of a text between its separators, empty ones included ("a,,b" gives "a", "", "b").
+std::vector<std::string> SplitText(const std::string& text, char separator);
 
 // The wide form of a text in an ANSI code page (the system's by default), for the platform calls
 // that take only wide strings.

@@ -1,5 +1,7 @@
 #include "installer/CommandCheck.h"
 
+#include "common/Text.h"
+
 #include <cctype>
 #include <cstring>
 #include <vector>
@@ -23,17 +25,6 @@ bool EqualNoCase(const std::string& a, const std::string& b) {
         }
     }
     return true;
-}
-
-std::vector<std::string> Steps(const std::string& path) {
-    std::vector<std::string> steps;
-    std::string::size_type start = 0;
-    for (;;) {
-        const std::string::size_type slash = path.find('\\', start);
-        steps.push_back(path.substr(start, slash - start));
-        if (slash == std::string::npos) return steps;
-        start = slash + 1;
-    }
 }
 
 // CON, PRN, AUX, NUL, COM1-9 and LPT1-9 name devices in every folder, with any extension.
@@ -67,7 +58,7 @@ bool HasDrive(const std::string& path) {
 
 // Why the steps after a drive ("X:\") are not all plain names.
 std::string StepsRefusal(const std::string& path) {
-    for (const std::string& step : Steps(path.substr(3))) {
+    for (const std::string& step : SplitText(path.substr(3), '\\')) {
         if (const char* reason = StepRefusal(step)) return reason;
     }
     return std::string();
@@ -113,7 +104,7 @@ std::string CommandRefusal(const std::string& appdir, const PlannedCommand& comm
     const bool unc =
         src.size() > 2 && src[0] == '\\' && src[1] == '\\' && src[2] != '?' && src[2] != '.';
     if (!HasDrive(src) && !unc) return "src is not an absolute path";
-    for (const std::string& step : Steps(src.substr(unc ? 2 : 3))) {
+    for (const std::string& step : SplitText(src.substr(unc ? 2 : 3), '\\')) {
         if (IsDeviceName(step)) return "src names a device";
     }
     return std::string();

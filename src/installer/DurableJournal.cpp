@@ -10,17 +10,6 @@ namespace kite {
 
 namespace {
 
-std::vector<std::string> Fields(const std::string& line) {
-    std::vector<std::string> fields;
-    std::string::size_type start = 0;
-    for (;;) {
-        const std::string::size_type tab = line.find('\t', start);
-        fields.push_back(line.substr(start, tab - start));
-        if (tab == std::string::npos) return fields;
-        start = tab + 1;
-    }
-}
-
 bool ParseRecord(const std::vector<std::string>& fields, ActionRecord& record) {
     if (fields.size() != 6 || fields[1].size() != 1 || fields[1][0] < '1' || fields[1][0] > '5') {
         return false;
@@ -38,7 +27,7 @@ bool ApplyLine(PendingJournal& journal, const std::string& line) {
     if (line == "F") return journal.folderSupport = true;
     if (line == "D") return journal.createdFolder = true;
     if (line == "C") return journal.committing = true;
-    const std::vector<std::string> fields = Fields(line);
+    const std::vector<std::string> fields = SplitText(line, '\t');
     ActionRecord record;
     if ((fields[0] != "R" && fields[0] != "S") || !ParseRecord(fields, record)) return false;
     if (fields[0] == "R") {
