@@ -14,6 +14,9 @@
 #   KITE_BENCH_SHAPES="1000:64k" KITE_BENCH_TELEMETRY=off bash benchmarks/install.sh
 #                                        only the packages (count:64k|8m|mixed) and telemetry
 #                                        settings named
+#   KITE_BENCH_DIGESTS=1 bash benchmarks/install.sh
+#                                        also an installation whose commands carry each source's
+#                                        sha256 (computed before timing), next to every plain one
 #
 # Everything it generates under the prefix is deleted at the end.
 set -euo pipefail

@@ -10,9 +10,12 @@
 //   kiteinstallbench clean <root>                     deletes what prepare made
 //
 // <sizes> is "64k" (every file 64 KiB), "8m" (every file 8 MiB) or "mixed" (4 KiB doubling up
-// to 8 MiB, then again).
+// to 8 MiB, then again). With KITE_BENCH_DIGESTS=1, prepare also writes each source's SHA-256
+// (<root>\digests.txt) and run measures, next to every installation, one whose commands carry
+// them.
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
+#include "common/Sha256.h"
 #include "installer/DurableJournal.h"
 #include "installer/KiteInstaller.h"
 #include "log/CommonFilesDataPath.h"
@@ -86,6 +89,7 @@ struct Package {
     std::string root;
     int count = 0;
     std::vector<unsigned long> sizes;
+    std::vector<std::string> digests;  // of the sources, when prepare was asked for them
 
     std::string PackagePath(int i) const { return root + "\\package\\" + FileName(i); }
     std::string ProductPath(int i) const { return root + "\\product\\" + FileName(i); }
@@ -104,6 +108,8 @@ Package LoadPackage(const std::string& root) {
     while (list >> size) package.sizes.push_back(size);
     package.count = static_cast<int>(package.sizes.size());
     if (package.count == 0) Fail("no package under " + root + "; run prepare first");
+    std::ifstream digests(root + "\\digests.txt");
+    for (std::string digest; digests >> digest;) package.digests.push_back(digest);
     return package;
 }
 
@@ -147,6 +153,21 @@ void RemoveTree(const std::string& folder) {
     ::RemoveDirectoryA(folder.c_str());
 }
 
+// A source's digest as the installation computes it, read through a handle of its own.
+std::string SourceDigest(const std::string& path) {
+    const kite::UniqueHandle file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                                nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN,
+                                                nullptr));
+    const std::string digest = file ? kite::Sha256OfFile(file.get()) : std::string();
+    if (digest.empty()) Fail("cannot hash " + path);
+    return digest;
+}
+
+bool DigestsAsked() {
+    const char* asked = std::getenv("KITE_BENCH_DIGESTS");
+    return asked != nullptr && std::string(asked) == "1";
+}
+
 int Prepare(const std::string& root, int count, const std::string& sizes) {
     RemoveTree(root);
     ::SHCreateDirectoryExA(nullptr, root.c_str(), nullptr);
@@ -165,15 +186,23 @@ int Prepare(const std::string& root, int count, const std::string& sizes) {
         WriteFile(root + "\\package\\" + FileName(i), size, 'n');
         WriteFile(root + "\\product\\" + FileName(i), size, 'o');
     }
+    if (DigestsAsked()) {
+        std::ofstream digests(root + "\\digests.txt");
+        for (int i = 0; i < count; ++i) {
+            digests << SourceDigest(root + "\\package\\" + FileName(i)) << "\n";
+        }
+    }
     return 0;
 }
 
-std::string Manifest(const Package& package) {
+std::string Manifest(const Package& package, bool digests = false) {
     std::ostringstream xml;
     xml << "<commands><appdir>" << package.root << "\\product</appdir>";
     for (int i = 0; i < package.count; ++i) {
         xml << "<command><src>" << package.PackagePath(i) << "</src><dst>" << package.ProductPath(i)
-            << "</dst><register>0</register></command>";
+            << "</dst><register>0</register>";
+        if (digests) xml << "<sha256>" << package.digests[i] << "</sha256>";
+        xml << "</command>";
     }
     xml << "</commands>";
     return xml.str();
@@ -358,12 +387,15 @@ int Run(const std::string& root, int runs, const std::string& msi) {
     }
 
     Measured copy{"copy-loop", {}, 0}, rename{"rename-loop", {}, 0}, xcopy{"xcopy", {}, 0},
-        install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0};
+        install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0},
+        installDigests{"install-digests", {}, 0};
+    const bool digests = !package.digests.empty();
+    const std::string manifestDigests = digests ? Manifest(package, true) : std::string();
     const std::string xcopyLine =
         "xcopy /y /q \"" + root + "\\package\\*\" \"" + root + "\\product\\\"";
     // Where an installation's time goes: the library's own code (user time of this process), its
     // system calls (kernel time), the rest waiting for Wine's server and the disk.
-    double installUser = 0, installKernel = 0;
+    double installUser = 0, installKernel = 0, digestsUser = 0, digestsKernel = 0;
     for (int round = 0; round < runs; ++round) {
         double start = Seconds();
         CopyLoop(package);
@@ -392,6 +424,25 @@ int Run(const std::string& root, int runs, const std::string& msi) {
             installKernel += kernelAfter - kernel;
         }
         install.scopes = ScopesSince(log, before);
+
+        // The same installation with every source verified against its digest: right after the
+        // plain one, from the same product and with the sources as warm in the cache.
+        before = LogSize(log);
+        if (digests && ends) {
+            installDigests.seconds.push_back(
+                TimeChildInstall(root, "digests", installDigests.exitCode));
+        } else if (digests) {
+            double user = 0, kernel = 0;
+            ProcessTimes(user, kernel);
+            start = Seconds();
+            if (installKite(manifestDigests.c_str()) != S_OK) Fail("an installation failed");
+            installDigests.seconds.push_back(Seconds() - start);
+            double userAfter = 0, kernelAfter = 0;
+            ProcessTimes(userAfter, kernelAfter);
+            digestsUser += userAfter - user;
+            digestsKernel += kernelAfter - kernel;
+        }
+        installDigests.scopes = ScopesSince(log, before);
 
         // The undo: the last destination is held open without sharing, so that it cannot be
         // renamed aside; every file before it was replaced and is put back.
@@ -429,18 +480,25 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         PrintLine(package, *measured);
     }
     if (!msi.empty()) PrintLine(package, peer);
+    if (digests) PrintLine(package, installDigests);
     if (!ends) {
-        std::printf("cpu files=%d bytes=%llu install-user=%.6f install-kernel=%.6f\n",
-                    package.count, package.Bytes(), installUser / runs, installKernel / runs);
+        std::printf("cpu files=%d bytes=%llu install-user=%.6f install-kernel=%.6f", package.count,
+                    package.Bytes(), installUser / runs, installKernel / runs);
+        if (digests) {
+            std::printf(" digests-user=%.6f digests-kernel=%.6f", digestsUser / runs,
+                        digestsKernel / runs);
+        }
+        std::printf("\n");
     }
     return 0;
 }
 
-// One installation as a host makes it; "fail" holds the last destination open so that it fails.
+// One installation as a host makes it; "fail" holds the last destination open so that it fails,
+// "digests" names each source's digest.
 int InstallOnce(const std::string& root, const std::string& mode) {
     const Package package = LoadPackage(root);
     const InstallKiteFunction installKite = LoadInstallKite();
-    const std::string manifest = Manifest(package);
+    const std::string manifest = Manifest(package, mode == "digests");
     kite::UniqueHandle held;
     if (mode == "fail") {
         held.reset(::CreateFileA(package.ProductPath(package.count - 1).c_str(), GENERIC_READ, 0,
@@ -547,6 +605,14 @@ int Profile(const std::string& root, int count) {
     const int files = package.count;
     time("access",
          [&](int i) { (void)::GetFileAttributesA(package.ProductPath(i % files).c_str()); });
+    // What verifying one source adds: its open denying writes and deletes (the hold is that
+    // handle, kept open), and the open with the reading and hashing of its bytes.
+    time("source-open-close", [&](int i) {
+        const kite::UniqueHandle source(
+            ::CreateFileA(package.PackagePath(i % files).c_str(), GENERIC_READ, FILE_SHARE_READ,
+                          nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    });
+    time("source-open-sha256", [&](int i) { (void)SourceDigest(package.PackagePath(i % files)); });
     time("guid", [](int) {
         GUID guid;
         ::CoCreateGuid(&guid);

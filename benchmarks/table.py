@@ -2,7 +2,8 @@
 import sys
 from collections import defaultdict
 
-METHODS = ["copy-loop", "rename-loop", "xcopy", "msi", "install-first", "install", "undo"]
+METHODS = ["copy-loop", "rename-loop", "xcopy", "msi", "install-first", "install", "install-digests",
+           "undo"]
 NAMES = {
     "copy-loop": "CopyFileA loop",
     "rename-loop": "rename-aside loop",
@@ -10,6 +11,7 @@ NAMES = {
     "msi": "MSI (msiexec /i)",
     "install-first": "InstallKite, first (backups made)",
     "install": "InstallKite",
+    "install-digests": "InstallKite with digests",
     "undo": "InstallKite failing at last file (undo)",
 }
 
@@ -74,6 +76,12 @@ def main():
                       f" {ratio(seconds, base['copy-loop'])} {ratio(seconds, base['rename-loop']):>7}"
                       f" {ratio(seconds, base['msi'])} {seconds / files * 1e3:8.3f}"
                       f" {scopes if scopes else '-':>6} {per_scope}")
+        for key in keys:
+            got = runs[key]
+            if "install-digests" in got:
+                plain, verified = (float(got[m]["median"]) for m in ("install", "install-digests"))
+                print(f"digests at {key[1]} files, {key[2] / 2**20:.1f} MiB: {verified:.3f} s against"
+                      f" {plain:.3f} s, x{verified / plain:.3f}")
         # Growth from the smallest to the largest package of the same file size.
         by_size = defaultdict(list)
         for key in keys:
@@ -114,6 +122,10 @@ def main():
             print(f"  telemetry {c['telemetry']:>3}, {int(c['files']):5d} files,"
                   f" {int(c['bytes']) / 2**20:7.1f} MiB: user {float(c['install-user']):.3f} s,"
                   f" kernel {float(c['install-kernel']):.3f} s, of {wall:.3f} s")
+            if "digests-user" in c:
+                wall = float(runs[key]["install-digests"]["median"])
+                print(f"  {'with digests':>39}: user {float(c['digests-user']):.3f} s,"
+                      f" kernel {float(c['digests-kernel']):.3f} s, of {wall:.3f} s")
     if memory:
         print("\nHost process during one installation: largest resident size (Wine included)")
         for m in memory:

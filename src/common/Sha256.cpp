@@ -10,7 +10,9 @@ namespace kite {
 namespace {
 
 constexpr ULONG kDigestBytes = 32;
-constexpr DWORD kChunkBytes = 1 << 20;
+// Small enough to come from the process heap: a buffer of 1 MiB is mapped and zeroed afresh for
+// every file, which cost more than hashing a 64 KiB file; larger reads are no faster.
+constexpr DWORD kChunkBytes = 64 << 10;
 
 std::string HexText(const unsigned char* bytes, ULONG count) {
     static const char kDigits[] = "0123456789abcdef";
