@@ -41,18 +41,11 @@ struct Point {
     long long answer;
 };
 
-template <typename Member>
-struct EntryOf;
-template <typename Entry>
-struct EntryOf<Entry kite::PlatformCalls::*> {
-    using type = Entry;
-};
-
-template <auto member>
-Point Fault(const char* operation, DWORD error, long long answer) {
-    return {operation, &Faulty<typename EntryOf<decltype(member)>::type, member>::Arm, error,
-            answer};
-}
+// clang-format off
+#define KITE_FAULT(entry, error, answer) \
+    Point{#entry, &Faulty<decltype(kite::PlatformCalls::entry), &kite::PlatformCalls::entry>::Arm, \
+          error, answer}
+// clang-format on
 
 bool IsGuidName(const std::string& path) {
     const std::string name = path.substr(path.rfind('\\') + 1);
@@ -93,16 +86,15 @@ class ReliabilityTest : public InstallationTest {
 };
 
 TEST_F(ReliabilityTest, FaultAtEveryCallLeavesTheFolderSettled) {
-    using kite::PlatformCalls;
     const Point points[] = {
-        Fault<&PlatformCalls::CopyFileA>("CopyFileA", ERROR_ACCESS_DENIED, FALSE),
-        Fault<&PlatformCalls::MoveFileA>("MoveFileA", ERROR_SHARING_VIOLATION, FALSE),
-        Fault<&PlatformCalls::DeleteFileA>("DeleteFileA", ERROR_ACCESS_DENIED, FALSE),
-        Fault<&PlatformCalls::SHCreateDirectory>("SHCreateDirectory", 5, ERROR_ACCESS_DENIED),
-        Fault<&PlatformCalls::CoCreateGuid>("CoCreateGuid", ERROR_OUTOFMEMORY, E_OUTOFMEMORY),
-        Fault<&PlatformCalls::WriteFile>("WriteFile", ERROR_DISK_FULL, FALSE),
-        Fault<&PlatformCalls::FlushFileBuffers>("FlushFileBuffers", ERROR_DISK_FULL, FALSE),
-        Fault<&PlatformCalls::CreateProcessA>("CreateProcessA", ERROR_FILE_NOT_FOUND, FALSE),
+        KITE_FAULT(CopyFileA, ERROR_ACCESS_DENIED, FALSE),
+        KITE_FAULT(MoveFileA, ERROR_SHARING_VIOLATION, FALSE),
+        KITE_FAULT(DeleteFileA, ERROR_ACCESS_DENIED, FALSE),
+        KITE_FAULT(SHCreateDirectory, 5, ERROR_ACCESS_DENIED),
+        KITE_FAULT(CoCreateGuid, ERROR_OUTOFMEMORY, E_OUTOFMEMORY),
+        KITE_FAULT(WriteFile, ERROR_DISK_FULL, FALSE),
+        KITE_FAULT(FlushFileBuffers, ERROR_DISK_FULL, FALSE),
+        KITE_FAULT(CreateProcessA, ERROR_FILE_NOT_FOUND, FALSE),
     };
     int runs = 0;
     for (const bool inUndo : {false, true}) {
@@ -114,7 +106,7 @@ TEST_F(ReliabilityTest, FaultAtEveryCallLeavesTheFolderSettled) {
                 const bool servers = &point == &points[7];
                 Package package(servers ? "kitecom_ok" : "");
                 PlatformOverride platform;
-                static decltype(PlatformCalls::CopyFileA) copy;
+                static decltype(kite::PlatformCalls::CopyFileA) copy;
                 static std::string last;
                 copy = platform.calls().CopyFileA;
                 last = package.app() + (servers ? "\\Reports\\TwReports.dll" : "\\Server.dll");
