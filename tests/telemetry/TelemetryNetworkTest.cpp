@@ -127,7 +127,6 @@ TEST(TelemetryNetworkTest, RestorePolicyDecidesOnlyFromADownloadedValue) {
          "CKiteInstaller::TakeBackup Failed to read from restorekite.ini files with "
          "GetLastError :  2"},
         {27, 4009, "", 0, refused},
-        {27, 4008, "", 1, refused},
     };
     for (const auto& [major, release, policy, backups, last] : rows) {
         servers.restoreServer_.SetString(policy.empty() ? "127.0.0.1:1" : servers.restore);
