@@ -13,8 +13,7 @@ namespace {
 using namespace kitetest;
 
 // Built servers are copied into the test's folder; kiterecorder stands in for a tool.
-class ComServerTest : public LogTest {
-  public:
+struct ComServerTest : LogTest {
     ~ComServerTest() override {
         for (const std::string& file : made_) ::DeleteFileA(file.c_str());
         ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, "Software\\KiteTest");

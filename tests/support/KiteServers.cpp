@@ -1,6 +1,7 @@
 #include "support/KiteServers.h"
 
 #include <filesystem>
+#include <regex>
 #include <set>
 
 namespace kitetest {
@@ -17,13 +18,13 @@ std::string Address(const char* key) {
 
 // Sorted, without the partial files that a server is still writing; an earlier test's events
 // arrive first.
-std::set<std::string> Files(const std::string& folder, const std::string& prefix) {
+std::set<std::string> Files(const std::string& folder, const std::string& prefix = "") {
     if (KiteServers::beforeReading != nullptr) KiteServers::beforeReading();
     std::set<std::string> paths;
     for (const auto& entry : std::filesystem::directory_iterator(kShare + folder)) {
-        const std::string name = entry.path().filename().string();
-        if (name.rfind(prefix, 0) == 0 && entry.path().extension() != ".part") {
-            paths.insert(entry.path().string());
+        const std::filesystem::path& path = entry.path();
+        if (path.filename().string().rfind(prefix, 0) == 0 && path.extension() != ".part") {
+            paths.insert(path.string());
         }
     }
     return paths;
@@ -32,12 +33,11 @@ std::set<std::string> Files(const std::string& folder, const std::string& prefix
 }  // namespace
 
 KiteServers::KiteServers()
-    : config(Address("config")),
-      restore(Address("restore")),
+    : restore(Address("restore")),
       collector(Address("collector")),
       configServer_(kCommonKey, "KiteConfigServer"),
       restoreServer_(kCommonKey, "KiteRestoreServer") {
-    configServer_.SetString(config);
+    configServer_.SetString(Address("config"));
     restoreServer_.SetString(restore);
     SetCollectorMode("");
     Clear();
@@ -47,36 +47,30 @@ void (*KiteServers::beforeReading)() = nullptr;
 
 void KiteServers::Clear() const {
     for (const char* folder : {"config", "restore", "requests", "connections"}) {
-        for (const std::string& path : Files(folder, "")) ::DeleteFileA(path.c_str());
+        for (const std::string& path : Files(folder)) ::DeleteFileA(path.c_str());
     }
 }
 
-std::vector<HttpRequest> KiteServers::Requests(const std::string& server) const {
-    std::vector<HttpRequest> requests;
-    for (const std::string& path : Files("requests", server + "-")) {
-        const std::string raw = ReadFileBytes(path);
-        requests.push_back({raw, raw.substr(raw.find("\r\n\r\n") + 4)});
+std::vector<std::string> KiteServers::Requests() const {
+    std::vector<std::string> requests;
+    for (const std::string& path : Files("requests", "collector-")) {
+        requests.push_back(ReadFileBytes(path));
     }
     return requests;
 }
 
-int KiteServers::Connections(const std::string& server) const {
-    return static_cast<int>(Files("connections", server + "-").size());
-}
+std::size_t KiteServers::Connections() const { return Files("connections", "collector-").size(); }
 
 std::string CollectorConfiguration(const std::string& collector) {
-    std::string document =
+    return std::regex_replace(
         "<?xml version=\"1.0\"?>\r\n<SplunkConfig><LED><enable>true</enable><token>LED-TOKEN"
         "</token><perf><loc>@</loc><endpoint>/led/perf</endpoint><header>X-Env: perf</header>"
         "</perf><prod><loc>@</loc><endpoint>/led/prod</endpoint><header>Authorization: Splunk "
         "led-prod</header></prod></LED><Track><enable>true</enable><token>TRACK-TOKEN</token>"
         "<perf><loc>@</loc><endpoint>/track/perf</endpoint><header>X-Env: track</header></perf>"
         "<prod><loc>@</loc><endpoint>/track/prod</endpoint><header></header></prod></Track>"
-        "<KILL_SWITCH>true</KILL_SWITCH></SplunkConfig>\r\n";
-    for (std::size_t at; (at = document.find('@')) != std::string::npos;) {
-        document.replace(at, 1, collector);
-    }
-    return document;
+        "<KILL_SWITCH>true</KILL_SWITCH></SplunkConfig>\r\n",
+        std::regex("@"), collector);
 }
 
 }  // namespace kitetest
