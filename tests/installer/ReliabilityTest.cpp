@@ -136,8 +136,8 @@ TEST_F(ReliabilityTest, FaultAtEveryCallLeavesTheFolderSettled) {
 // The crashing host ends itself right after the k-th change it makes; the next host, which calls
 // only the six exports in their documented order, must end with the package installed.
 ProcessResult Host(const Package& package, int crashAt, const char* mode, const std::string& arg) {
-    return RunProcess(Quote(FixturePath("kitecrash.exe")) + " " + std::to_string(crashAt) + " " +
-                      mode + " " + Quote(arg) + " " + Quote(package.app()));
+    return RunProcess(Quote(HeldProgram::ProgramPath()) + " crash " + std::to_string(crashAt) +
+                      " " + mode + " " + Quote(arg) + " " + Quote(package.app()));
 }
 
 TEST_F(ReliabilityTest, KilledAtAnyStepAHostOfTheSixExportsSettlesIt) {

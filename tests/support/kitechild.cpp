@@ -1,14 +1,65 @@
 // The tests' child program. "hold <name> [file]" owns the mutex "<name>.alive" (and the file,
 // unshared, as a running program does); "lock <log> <name>" owns the log's line-lock byte; both
 // set "<name>.ready" and run until "<name>.stop", two minutes at most. "stress <ini> <level> <n>"
-// asks IsKITEApplicable n times on each of two threads.
+// asks IsKITEApplicable n times on each of two threads. "crash <k> install|host <manifest>
+// <product>" ends itself, as a power loss or a killed updater would, right after the k-th platform
+// call by which the library changes the product folder or the registry (0: never), running
+// InstallKite alone or the six exports in their documented order (kite.ini beside the manifest);
+// it exits 99 when it ended there, else 0 when the installation (if any) succeeded, else 1.
 #include "KITEUpdate.h"
+#include "common/Platform.h"
 
 #include <windows.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
+
+namespace {
+
+long crashAt = 0;
+long steps = 0;
+
+template <typename Entry, Entry kite::PlatformCalls::*member>
+struct Stepped;
+template <typename R, typename... A, R (*kite::PlatformCalls::*member)(A...)>
+struct Stepped<R (*)(A...), member> {
+    static inline R (*real)(A...) = nullptr;
+    static R Call(A... arguments) {
+        const R result = real(arguments...);
+        if (++steps == crashAt) ::TerminateProcess(::GetCurrentProcess(), 99);
+        return result;
+    }
+    static void Arm() { real = std::exchange(kite::Platform().*member, &Call); }
+};
+#define KITE_STEP(entry) \
+    Stepped<decltype(kite::PlatformCalls::entry), &kite::PlatformCalls::entry>::Arm()
+
+int Crash(long at, const std::string& mode, const std::string& manifest, const char* product) {
+    crashAt = at;
+    KITE_STEP(MoveFileA);
+    KITE_STEP(CopyFileA);
+    KITE_STEP(DeleteFileA);
+    KITE_STEP(MoveFileExA);
+    KITE_STEP(SHCreateDirectory);
+    KITE_STEP(WriteFile);
+    // A registration tool changes the registry while it runs: its step ends when it has ended.
+    KITE_STEP(WaitForSingleObject);
+    kite::Platform().Sleep = [](DWORD) {};
+    std::ostringstream text;
+    text << std::ifstream(manifest, std::ios::binary).rdbuf();
+    const std::string settings = manifest.substr(0, manifest.rfind('\\')) + "\\kite.ini";
+    if (mode == "install" || IsKITEApplicable(GetTwSlipstream2(product), settings) ||
+        IsKITEToBeForceApplied(product)) {
+        return InstallKite(text.str().c_str()) == 0 ? 0 : 1;
+    }
+    return 0;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     const DWORD longest = 120000;
@@ -37,6 +88,7 @@ int main(int argc, char** argv) {
         if (!::LockFileEx(log, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &byte)) return 2;
         return readyUntilStopped(argv[3]);
     }
+    if (role == "crash" && argc == 6) return Crash(std::atol(argv[2]), argv[3], argv[4], argv[5]);
     if (role == "stress" && argc == 5) {
         // The application's folder comes first in the search: the DLL beside this program.
         HMODULE dll = ::LoadLibraryA("KITEUpdate.dll");
