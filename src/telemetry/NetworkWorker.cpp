@@ -3,6 +3,7 @@
 #include "common/Handles.h"
 
 #include <deque>
+#include <memory>
 #include <utility>
 
 namespace kite {
@@ -33,15 +34,14 @@ DWORD WINAPI RunThread(void* raw) {
 
 // Starts the thread with a module reference that the thread gives back as it exits.
 bool StartThread(LPTHREAD_START_ROUTINE routine, void* argument) {
-    HMODULE module = ReferenceThisModule();
-    if (module == nullptr) return false;
-    ThreadStart* start = new ThreadStart{routine, argument, module};
-    UniqueHandle thread(::CreateThread(nullptr, 0, RunThread, start, 0, nullptr));
-    if (!thread) {
-        delete start;
-        ::FreeLibrary(module);
-        return false;
-    }
+    UniqueModule module(ReferenceThisModule());
+    if (!module) return false;
+    auto start = std::make_unique<ThreadStart>(ThreadStart{routine, argument, module.get()});
+    UniqueHandle thread(::CreateThread(nullptr, 0, RunThread, start.get(), 0, nullptr));
+    if (!thread) return false;
+    // The thread owns both from here: it deletes the record and gives the reference back.
+    start.release();
+    module.release();
     return true;
 }
 
