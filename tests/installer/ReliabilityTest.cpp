@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <random>
-#include <utility>
 
 namespace kitetest {
 namespace {
@@ -20,19 +19,13 @@ struct FaultPlan {
     DWORD error;
 } plan;
 
-template <typename Entry, Entry kite::PlatformCalls::*member>
-struct Faulty;
-template <typename R, typename... A, R (*kite::PlatformCalls::*member)(A...)>
-struct Faulty<R (*)(A...), member> {
-    static inline R (*real)(A...) = nullptr;
-    static R Call(A... arguments) {
-        if (!plan.counting || ++plan.calls != plan.failAt) return real(arguments...);
-        plan.reached = true;
-        ::SetLastError(plan.error);
-        return static_cast<R>(plan.answer);
-    }
-    static void Arm() { real = std::exchange(kite::Platform().*member, &Call); }
-};
+bool PlannedFault(long long* answer) {
+    if (!plan.counting || ++plan.calls != plan.failAt) return false;
+    plan.reached = true;
+    ::SetLastError(plan.error);
+    *answer = plan.answer;
+    return true;
+}
 
 struct Point {
     const char* operation;
@@ -43,7 +36,7 @@ struct Point {
 
 // clang-format off
 #define KITE_FAULT(entry, error, answer) \
-    Point{#entry, &Faulty<decltype(kite::PlatformCalls::entry), &kite::PlatformCalls::entry>::Arm, \
+    Point{#entry, [] { KITE_INTERCEPT(entry)::Arm(), KITE_INTERCEPT(entry)::fail = PlannedFault; }, \
           error, answer}
 // clang-format on
 

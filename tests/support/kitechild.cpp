@@ -7,7 +7,7 @@
 // InstallKite alone or the six exports in their documented order (kite.ini beside the manifest);
 // it exits 99 when it ended there, else 0 when the installation (if any) succeeded, else 1.
 #include "KITEUpdate.h"
-#include "common/Platform.h"
+#include "support/PlatformOverride.h"
 
 #include <windows.h>
 
@@ -16,27 +16,16 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 
 namespace {
 
 long crashAt = 0;
 long steps = 0;
 
-template <typename Entry, Entry kite::PlatformCalls::*member>
-struct Stepped;
-template <typename R, typename... A, R (*kite::PlatformCalls::*member)(A...)>
-struct Stepped<R (*)(A...), member> {
-    static inline R (*real)(A...) = nullptr;
-    static R Call(A... arguments) {
-        const R result = real(arguments...);
-        if (++steps == crashAt) ::TerminateProcess(::GetCurrentProcess(), 99);
-        return result;
-    }
-    static void Arm() { real = std::exchange(kite::Platform().*member, &Call); }
-};
-#define KITE_STEP(entry) \
-    Stepped<decltype(kite::PlatformCalls::entry), &kite::PlatformCalls::entry>::Arm()
+void Step() {
+    if (++steps == crashAt) ::TerminateProcess(::GetCurrentProcess(), 99);
+}
+#define KITE_STEP(entry) (KITE_INTERCEPT(entry)::Arm(), KITE_INTERCEPT(entry)::after = Step)
 
 int Crash(long at, const std::string& mode, const std::string& manifest, const char* product) {
     crashAt = at;
