@@ -82,6 +82,12 @@ struct HashTraits {
     static void Close(BCRYPT_HASH_HANDLE h) { ::BCryptDestroyHash(h); }
 };
 
+struct ViewTraits {
+    static void* Invalid() { return nullptr; }
+    static bool IsValid(void* v) { return v != nullptr; }
+    static void Close(void* v) { ::UnmapViewOfFile(v); }
+};
+
 struct LocalMemoryTraits {
     static HLOCAL Invalid() { return nullptr; }
     static bool IsValid(HLOCAL h) { return h != nullptr; }
@@ -92,6 +98,8 @@ using UniqueHandle = UniqueResource<HANDLE, KernelHandleTraits>;
 using UniqueRegKey = UniqueResource<HKEY, RegKeyTraits>;
 using UniqueModule = UniqueResource<HMODULE, ModuleTraits>;
 using UniqueInternet = UniqueResource<HINTERNET, InternetTraits>;
+// A view of a file mapping.
+using UniqueView = UniqueResource<void*, ViewTraits>;
 // A block the platform allocated with LocalAlloc (security descriptors, for instance).
 using UniqueLocal = UniqueResource<HLOCAL, LocalMemoryTraits>;
 using UniqueHashAlgorithm = UniqueResource<BCRYPT_ALG_HANDLE, HashAlgorithmTraits>;

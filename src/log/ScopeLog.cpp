@@ -10,12 +10,67 @@ namespace kite {
 
 namespace {
 
-// Writers in other processes append to the same file through their own handles. Windows makes
-// an append atomic, Wine does not: it computes the end and writes there, so two writers can land
-// on the same offset and one line is lost. A one-byte lock far beyond any real data serialises
-// the writes for the length of one line without ever blocking a reader of the log.
-constexpr DWORD kLineLockOffsetLow = 0xFFFFFFFEUL;
-constexpr DWORD kLineLockOffsetHigh = 0x7FFFFFFFUL;
+// Windows makes a write through a handle that may only append atomic; Wine does not: it
+// computes the end and writes there, so two writers can land on the same offset and one line is
+// lost. Writers therefore take a lock word, the id of its holder's process, in a small section
+// shared by every process that logs. Taking and releasing it costs no call into the kernel, so a
+// line stays one write; a lock byte of the file cost two round trips to the Wine server a line.
+class LineLock {
+  public:
+    LineLock();
+    LineLock(const LineLock&) = delete;
+    LineLock& operator=(const LineLock&) = delete;
+
+    bool Take(bool patient);
+    void Release();
+
+  private:
+    bool TakeFromEndedHolder(LONG holder);
+
+    UniqueHandle section_;
+    UniqueView view_;
+    volatile LONG* word_ = nullptr;
+    const LONG self_ = static_cast<LONG>(::GetCurrentProcessId());
+};
+
+// Without the section (it cannot be created or opened here, or the name belongs to something
+// else) lines are written without the lock, as after a wait that ran out.
+LineLock::LineLock()
+    : section_(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                    sizeof(LONG), kLineLockName)) {
+    if (section_) view_.reset(::MapViewOfFile(section_.get(), FILE_MAP_WRITE, 0, 0, sizeof(LONG)));
+    word_ = static_cast<volatile LONG*>(view_.get());
+}
+
+bool LineLock::Take(bool patient) {
+    if (word_ == nullptr) return false;
+    const ULONGLONG deadline = ::GetTickCount64() + (patient ? kLineLockPatienceMs : 0);
+    for (int tries = 0;; ++tries) {
+        const LONG holder = ::InterlockedCompareExchange(word_, self_, 0);
+        if (holder == 0) return true;
+        if (::GetTickCount64() >= deadline) return TakeFromEndedHolder(holder);
+        // A line is held for microseconds: yield first, then sleep.
+        if (tries < 64) {
+            ::SwitchToThread();
+        } else {
+            ::Sleep(1);
+        }
+    }
+}
+
+// A writer killed between taking and releasing the word leaves it set for as long as any process
+// keeps the section; the next writer whose wait runs out takes it over once that process has
+// ended. A holder that cannot be looked at counts as alive.
+bool LineLock::TakeFromEndedHolder(LONG holder) {
+    const UniqueHandle process(::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(holder)));
+    const bool ended = process ? ::WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0
+                               : ::GetLastError() == ERROR_INVALID_PARAMETER;
+    return ended && ::InterlockedCompareExchange(word_, self_, holder) == holder;
+}
+
+void LineLock::Release() {
+    if (word_ != nullptr) ::InterlockedCompareExchange(word_, 0, self_);
+}
 
 // Logging never changes an operation's outcome, the thread's last error code included: a traced
 // function reports GetLastError after writing its lines, and the log's own file calls (an open
@@ -54,9 +109,9 @@ class SharedLog {
 
   private:
     bool HandleNamesFileAt(const FileAtPath& file) const;
-    bool TakeLineLock(OVERLAPPED* lock);
 
     std::mutex mutex_;
+    LineLock lineLock_;
     CommonFilesDataPathWatch folder_;
     std::string path_;
     UniqueHandle file_;
@@ -87,10 +142,12 @@ bool SharedLog::Enter() {
     const bool truncate = file.size > kLogTruncateAboveBytes;
     if (truncate || path_ != path || !HandleNamesFileAt(file)) {
         path_ = path;
-        // GENERIC_WRITE (not append-only access) because Windows requires write access for
-        // LockFileEx. Deleting and renaming stay open to others while the handle is held.
+        // Append-only access: every write goes to the end of the file without an offset, so
+        // without an OVERLAPPED, which would cost Wine a round trip to its server per line.
+        // Deleting and renaming stay open to others while the handle is held.
         file_.reset(::CreateFileA(
-            path, GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+            path, FILE_APPEND_DATA | SYNCHRONIZE,
+            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
             truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     }
     if (!file_) return false;
@@ -104,38 +161,16 @@ void SharedLog::Leave() {
     if (--scopes_ == 0) file_.reset();
 }
 
-bool SharedLog::TakeLineLock(OVERLAPPED* lock) {
-    const ULONGLONG deadline = ::GetTickCount64() + (lockGivenUp_ ? 0 : kLineLockPatienceMs);
-    for (;;) {
-        if (::LockFileEx(file_.get(), LOCKFILE_EXCLUSIVE_LOCK | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0,
-                         lock)) {
-            lockGivenUp_ = false;
-            return true;
-        }
-        if (::GetTickCount64() >= deadline) {
-            lockGivenUp_ = true;
-            return false;
-        }
-        ::Sleep(1);
-    }
-}
-
 bool SharedLog::Append(const std::string& text) {
     const std::lock_guard<std::mutex> guard(mutex_);
     if (!file_) return false;
-    OVERLAPPED lock = {};
-    lock.Offset = kLineLockOffsetLow;
-    lock.OffsetHigh = kLineLockOffsetHigh;
-    const bool locked = TakeLineLock(&lock);
-    // Both offset words at 0xFFFFFFFF: write at the current end of the file.
-    OVERLAPPED atEnd = {};
-    atEnd.Offset = 0xFFFFFFFFUL;
-    atEnd.OffsetHigh = 0xFFFFFFFFUL;
+    const bool locked = lineLock_.Take(!lockGivenUp_);
+    lockGivenUp_ = !locked;
     DWORD written = 0;
     const bool ok =
-        ::WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()), &written, &atEnd) &&
+        ::WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) &&
         written == text.size();
-    if (locked) ::UnlockFileEx(file_.get(), 0, 1, 0, &lock);
+    if (locked) lineLock_.Release();
     return ok;
 }
 

@@ -25,6 +25,9 @@ constexpr unsigned long long kLogTruncateAboveBytes = 104857600ULL;
 // taken again, so a lock held on purpose costs one wait, not one per line.
 constexpr unsigned long kLineLockPatienceMs = 100;
 
+// The section that holds the line lock shared by every process that writes the log.
+constexpr char kLineLockName[] = "Global\\KITEUpdate.CRITICALFIXES.LOG.LineLock";
+
 // Text-mode output into the process's shared log: "\n" reaches the file as CR LF, and each flush
 // appends the pending text with one write at the end of the file.
 class LogFileBuffer : public std::streambuf {

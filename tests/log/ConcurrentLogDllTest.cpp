@@ -1,5 +1,7 @@
 #include "KITEUpdate.h"
 
+#include "common/Handles.h"
+#include "log/ScopeLog.h"
 #include "support/KiteTest.h"
 
 #include <future>
@@ -10,8 +12,18 @@ using kitetest::Quote;
 
 class ConcurrentLogTest : public kitetest::LogTest {};
 
-// Two hosts, each with two threads, log through the DLL at once: every line arrives, whole.
+// Two hosts, each with two threads, log through the DLL at once: every line arrives, whole. They
+// start after a writer was killed while it held the line lock, and take its lock over.
 TEST_F(ConcurrentLogTest, ProcessesAndThreadsLoggingAtOnceLoseNoLine) {
+    const kite::UniqueHandle section(::CreateFileMappingA(
+        INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG), kite::kLineLockName));
+    kitetest::HeldProgram killed;
+    HANDLE locking = kitetest::StartProcess(Quote(killed.ProgramPath()) + " lock " +
+                                            killed.Arguments().substr(5));
+    killed.WaitUntilRunning();
+    ::TerminateProcess(locking, 1);
+    ::WaitForSingleObject(locking, 60000);
+    ::CloseHandle(locking);
     const int calls = 200;
     std::map<std::string, int> expected = {{"<stamp> : Entering IsKITEApplicable\r", 4 * calls},
                                            {"<stamp> : Exiting IsKITEApplicable\r", 4 * calls},
@@ -35,12 +47,11 @@ TEST_F(ConcurrentLogTest, ProcessesAndThreadsLoggingAtOnceLoseNoLine) {
     EXPECT_EQ(lines, expected);
 }
 
-// Anyone who can open the log can take its line lock; a call still ends, and logs.
 // Anyone who can open the log can take its line lock; an installation still ends, and logs.
 TEST_F(ConcurrentLogTest, InstallationFinishesWhileAnotherProcessHoldsTheLineLock) {
     kitetest::HeldProgram holder;  // named events only: the lock role owns no "alive" mutex
     HANDLE locking = kitetest::StartProcess(Quote(holder.ProgramPath()) + " lock " +
-                                            Quote(LogPath()) + " " + holder.Arguments().substr(5));
+                                            holder.Arguments().substr(5));
     holder.WaitUntilRunning();
     kitetest::KiteDll dll;
     const std::string manifest = "<commands><appdir>" + folder_.path() + "</appdir></commands>";

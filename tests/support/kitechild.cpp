@@ -1,5 +1,5 @@
 // The tests' child program. "hold <name> [file]" owns the mutex "<name>.alive" (and the file,
-// unshared, as a running program does); "lock <log> <name>" owns the log's line-lock byte; both
+// unshared, as a running program does); "lock <name>" owns the log's line lock; both
 // set "<name>.ready" and run until "<name>.stop", two minutes at most. "stress <ini> <level> <n>"
 // asks IsKITEApplicable n times on each of two threads. "crash <k> install|host <manifest>
 // <product>" ends itself, as a power loss or a killed updater would, right after the k-th platform
@@ -7,6 +7,7 @@
 // InstallKite alone or the six exports in their documented order (kite.ini beside the manifest);
 // it exits 99 when it ended there, else 0 when the installation (if any) succeeded, else 1.
 #include "KITEUpdate.h"
+#include "log/ScopeLog.h"
 #include "support/PlatformOverride.h"
 
 #include <windows.h>
@@ -70,12 +71,14 @@ int main(int argc, char** argv) {
         if (alive == nullptr || ::WaitForSingleObject(alive, longest) != WAIT_OBJECT_0) return 3;
         return readyUntilStopped(argv[2]);
     }
-    if (role == "lock" && argc == 4) {
-        HANDLE log = ::CreateFileA(argv[2], GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                   nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-        OVERLAPPED byte = {0, 0, {{0xFFFFFFFEUL, 0x7FFFFFFFUL}}, nullptr};
-        if (!::LockFileEx(log, LOCKFILE_EXCLUSIVE_LOCK, 0, 1, 0, &byte)) return 2;
-        return readyUntilStopped(argv[3]);
+    if (role == "lock") {
+        HANDLE section = ::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
+                                              sizeof(LONG), kite::kLineLockName);
+        auto* word = static_cast<volatile LONG*>(
+            section != nullptr ? ::MapViewOfFile(section, FILE_MAP_WRITE, 0, 0, 0) : nullptr);
+        const LONG self = static_cast<LONG>(::GetCurrentProcessId());
+        if (word == nullptr || ::InterlockedCompareExchange(word, self, 0) != 0) return 2;
+        return readyUntilStopped(argv[2]);
     }
     if (role == "crash" && argc == 6) return Crash(std::atol(argv[2]), argv[3], argv[4], argv[5]);
     if (role == "stress" && argc == 5) {
