@@ -36,8 +36,8 @@ class LineLock {
 // Without the section (it cannot be created or opened here, or the name belongs to something
 // else) lines are written without the lock, as after a wait that ran out.
 LineLock::LineLock()
-    : section_(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                    sizeof(LONG), kLineLockName)) {
+    : section_(::CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(LONG),
+                                    kLineLockName)) {
     if (section_) view_.reset(::MapViewOfFile(section_.get(), FILE_MAP_WRITE, 0, 0, sizeof(LONG)));
     word_ = static_cast<volatile LONG*>(view_.get());
 }
@@ -145,10 +145,10 @@ bool SharedLog::Enter() {
         // Append-only access: every write goes to the end of the file without an offset, so
         // without an OVERLAPPED, which would cost Wine a round trip to its server per line.
         // Deleting and renaming stay open to others while the handle is held.
-        file_.reset(::CreateFileA(
-            path, FILE_APPEND_DATA | SYNCHRONIZE,
-            FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-            truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        file_.reset(::CreateFileA(path, FILE_APPEND_DATA | SYNCHRONIZE,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
+                                  nullptr));
     }
     if (!file_) return false;
     ++scopes_;
