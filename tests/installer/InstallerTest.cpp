@@ -157,18 +157,14 @@ TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
     static std::string program;
     program = package.app() + "\\tww.exe";
     // The registration of the first server comes after every copy: hold the new program then.
-    static decltype(kite::PlatformCalls::CreateProcessA) start;
-    start = platform.calls().CreateProcessA;
-    platform.calls().CreateProcessA = [](LPCSTR a, LPSTR b, LPSECURITY_ATTRIBUTES c,
-                                         LPSECURITY_ATTRIBUTES d, BOOL e, DWORD f, LPVOID g,
-                                         LPCSTR h, LPSTARTUPINFOA i, LPPROCESS_INFORMATION j) {
-        if (!holder) {
-            holder = std::make_unique<HeldProgram>();
-            holder->Start(HeldProgram::ProgramPath(), program);
-        }
-        return start(a, b, c, d, e, f, g, h, i, j);
+    KITE_INTERCEPT(CreateProcessA)::Arm();
+    KITE_INTERCEPT(CreateProcessA)::after = [] {
+        if (holder) return;
+        holder = std::make_unique<HeldProgram>();
+        holder->Start(HeldProgram::ProgramPath(), program);
     };
     EXPECT_EQ(InstallKite(package.Manifest().c_str()), static_cast<long>(E_FAIL));
+    KITE_INTERCEPT(CreateProcessA)::after = nullptr;
     holder.reset();
     // Pairs of source and target; a "!" before the target replaces it, an empty one deletes.
     std::vector<std::string> names;

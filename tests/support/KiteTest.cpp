@@ -19,6 +19,11 @@ std::string UniqueName(const std::string& tag) {
     return tag + "-" + std::to_string(::GetCurrentProcessId()) + "-" + std::to_string(++counter);
 }
 
+void RemoveTree(const std::string& path) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
 }  // namespace
 
 std::string ExeFolder() {
@@ -45,19 +50,13 @@ void WriteFileBytes(const std::string& path, const std::string& bytes) {
 
 void CreateFolders(const std::string& path) { std::filesystem::create_directories(path); }
 
-void RemoveTree(const std::string& path) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-}
-
 void CopyFileTo(const std::string& from, const std::string& to) {
-    if (!::CopyFileA(from.c_str(), to.c_str(), FALSE)) {
-        throw std::runtime_error("cannot copy " + from + " to " + to);
-    }
+    std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing);
 }
 
 std::string FixturePath(const std::string& name) { return ExeFolder() + "\\fixtures\\" + name; }
 
+// A folder that a crashed earlier run left under the same name goes first.
 TempFolder::TempFolder(const std::string& tag) : path_("C:\\kitetest\\" + UniqueName(tag)) {
     RemoveTree(path_);
     CreateFolders(path_);

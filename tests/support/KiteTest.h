@@ -18,20 +18,23 @@ bool Exists(const std::string& path);
 std::string ReadFileBytes(const std::string& path);
 void WriteFileBytes(const std::string& path, const std::string& bytes);
 void CreateFolders(const std::string& path);
-void RemoveTree(const std::string& path);
 void CopyFileTo(const std::string& from, const std::string& to);
+
+// Owners of a folder, a value, a process: never copied, so never released twice.
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy&) = delete;
+    NoCopy& operator=(const NoCopy&) = delete;
+};
 
 // A file the build made for the tests, in "fixtures" beside the test program.
 std::string FixturePath(const std::string& name);
 
 // A fresh folder C:\kitetest\<tag>-<pid>-<n>, removed with its contents at the end.
-class TempFolder {
+class TempFolder : NoCopy {
   public:
     explicit TempFolder(const std::string& tag);
     ~TempFolder();
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "\\" + name; }
 
@@ -40,13 +43,10 @@ class TempFolder {
 };
 
 // One HKLM value, put back as it was (or removed) when the object goes.
-class RegistryValue {
+class RegistryValue : NoCopy {
   public:
     RegistryValue(const std::string& key, const std::string& name);
     ~RegistryValue();
-    RegistryValue(const RegistryValue&) = delete;
-    RegistryValue& operator=(const RegistryValue&) = delete;
-
     void Set(DWORD type, const std::string& bytes);
     void SetString(const std::string& text);
     void SetDword(DWORD value);
@@ -61,13 +61,10 @@ class RegistryValue {
 };
 
 // An HKLM key that a test creates; at the end it goes with its whole tree.
-class RegistryKey {
+class RegistryKey : NoCopy {
   public:
     explicit RegistryKey(const std::string& key);
     ~RegistryKey();
-    RegistryKey(const RegistryKey&) = delete;
-    RegistryKey& operator=(const RegistryKey&) = delete;
-
   private:
     std::string created_;  // empty when the key existed before
 };
@@ -95,13 +92,10 @@ std::string MaskStamps(const std::string& log);
 std::string Trail(const std::string& scope, const std::string& messages);
 
 // KITEUpdate.dll from next to the test program, loaded with LoadLibraryA.
-class KiteDll {
+class KiteDll : NoCopy {
   public:
     KiteDll();
     ~KiteDll();
-    KiteDll(const KiteDll&) = delete;
-    KiteDll& operator=(const KiteDll&) = delete;
-
     FARPROC ByName(const char* name) const { return ::GetProcAddress(module_, name); }
     template <typename Fn>
     Fn Get(const char* name) const {
@@ -128,13 +122,10 @@ std::string Quote(const std::string& text);
 // kitechild.exe (next to the test program) holding on until it is stopped. The test starts it
 // with Start, or hands Arguments() to code that starts it; Stop (and the destructor) tells it
 // to end and waits until it has gone, so no child outlives its test.
-class HeldProgram {
+class HeldProgram : NoCopy {
   public:
     HeldProgram();
     ~HeldProgram();
-    HeldProgram(const HeldProgram&) = delete;
-    HeldProgram& operator=(const HeldProgram&) = delete;
-
     static std::string ProgramPath();
     std::string Arguments() const { return "hold " + name_; }
     // Starts the program at exePath (a copy of ProgramPath()) and waits until it runs, holding
