@@ -142,13 +142,18 @@ bool SharedLog::Enter() {
     const bool truncate = file.size > kLogTruncateAboveBytes;
     if (truncate || path_ != path || !HandleNamesFileAt(file)) {
         path_ = path;
+        // Deleting and renaming stay open to others while the handle is held.
+        const DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        // Emptying needs write access, which would make every write land at the file pointer.
+        if (truncate) {
+            const UniqueHandle emptied(::CreateFileA(path, GENERIC_WRITE, sharing, nullptr,
+                                                     TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                                                     nullptr));
+        }
         // Append-only access: every write goes to the end of the file without an offset, so
         // without an OVERLAPPED, which would cost Wine a round trip to its server per line.
-        // Deleting and renaming stay open to others while the handle is held.
-        file_.reset(::CreateFileA(path, FILE_APPEND_DATA | SYNCHRONIZE,
-                                  FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                  truncate ? CREATE_ALWAYS : OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                  nullptr));
+        file_.reset(::CreateFileA(path, FILE_APPEND_DATA | SYNCHRONIZE, sharing, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     }
     if (!file_) return false;
     ++scopes_;
