@@ -90,16 +90,6 @@ std::string Package::ManifestFile(const std::string& extra) const {
 
 Folder Package::State() const { return Summary(app()); }
 
-std::string RegistryValueBytes(const std::string& key, const std::string& name) {
-    std::string data(1 << 16, '\0');
-    DWORD bytes = static_cast<DWORD>(data.size());
-    if (::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), RRF_RT_ANY | RRF_NOEXPAND,
-                       nullptr, &data[0], &bytes) != ERROR_SUCCESS) {
-        return std::string();
-    }
-    return data.substr(0, bytes);
-}
-
 bool Package::ServerRegistered(const std::string& name) {
     return !RegistryValueBytes(kServersKey, name).empty();
 }

@@ -15,9 +15,6 @@ using Folder = std::map<std::string, std::string>;
 
 constexpr const char* kServersKey = "Software\\KiteTest\\Servers";
 
-// The raw data of one HKLM value; empty when it does not exist.
-std::string RegistryValueBytes(const std::string& key, const std::string& name);
-
 class Package {
   public:
     // newServer: the fixture that the package's new server is built from ("kitecom_ok",

@@ -64,17 +64,19 @@ TempFolder::TempFolder(const std::string& tag) : path_("C:\\kitetest\\" + Unique
 
 TempFolder::~TempFolder() { RemoveTree(path_); }
 
+// Values of up to 64 KiB, which every value the tests read is.
+std::string RegistryValueBytes(const std::string& key, const std::string& name, DWORD* type) {
+    std::string data(1 << 16, '\0');
+    DWORD bytes = static_cast<DWORD>(data.size());
+    const bool found = ::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(),
+                                      RRF_RT_ANY | RRF_NOEXPAND, type, &data[0], &bytes) == 0;
+    return found ? data.substr(0, bytes) : std::string();
+}
+
 RegistryValue::RegistryValue(const std::string& key, const std::string& name)
-    : key_(key), name_(name) {
-    DWORD bytes = 0;
-    const DWORD flags = RRF_RT_ANY | RRF_NOEXPAND;
-    existed_ = ::RegGetValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), flags, &type_,
-                              nullptr, &bytes) == ERROR_SUCCESS;
-    saved_.resize(bytes);
-    if (existed_) {
-        ::RegGetValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str(), flags, &type_, &saved_[0],
-                       &bytes);
-    }
+    : key_(key), name_(name), saved_(RegistryValueBytes(key, name, &type_)) {
+    existed_ = ::RegGetValueA(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(), RRF_RT_ANY, nullptr,
+                              nullptr, nullptr) == ERROR_SUCCESS;
 }
 
 RegistryValue::~RegistryValue() { existed_ ? Set(type_, saved_) : Delete(); }

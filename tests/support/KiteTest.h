@@ -42,6 +42,10 @@ class TempFolder : NoCopy {
     std::string path_;
 };
 
+// The raw data of one HKLM value (and its type); empty when it does not exist.
+std::string RegistryValueBytes(const std::string& key, const std::string& name,
+                               DWORD* type = nullptr);
+
 // One HKLM value, put back as it was (or removed) when the object goes.
 class RegistryValue : NoCopy {
   public:
@@ -65,6 +69,7 @@ class RegistryKey : NoCopy {
   public:
     explicit RegistryKey(const std::string& key);
     ~RegistryKey();
+
   private:
     std::string created_;  // empty when the key existed before
 };
