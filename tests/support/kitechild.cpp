@@ -82,13 +82,9 @@ int main(int argc, char** argv) {
     }
     if (role == "crash" && argc == 6) return Crash(std::atol(argv[2]), argv[3], argv[4], argv[5]);
     if (role == "stress" && argc == 5) {
-        // The application's folder comes first in the search: the DLL beside this program.
-        HMODULE dll = ::LoadLibraryA("KITEUpdate.dll");
-        const auto applicable = reinterpret_cast<IsKITEApplicableFn>(reinterpret_cast<void*>(
-            dll != nullptr ? ::GetProcAddress(dll, "IsKITEApplicable") : nullptr));
-        if (applicable == nullptr) return 3;
         const auto ask = [&] {
-            for (int n = std::atoi(argv[4]); n > 0; --n) applicable(std::atoi(argv[3]), argv[2]);
+            for (int n = std::atoi(argv[4]); n > 0; --n)
+                IsKITEApplicable(std::atoi(argv[3]), argv[2]);
         };
         std::thread other(ask);
         ask();
