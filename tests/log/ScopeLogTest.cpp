@@ -7,83 +7,57 @@
 
 namespace {
 
-using kitetest::MaskStamps;
-using kitetest::Trail;
+using namespace kitetest;
 
-class ScopeLogTest : public kitetest::LogTest {};
-
-// A traced function logs and then reports GetLastError: the log's own file calls (opening an
-// existing file sets 183) must not replace the code it reports.
-TEST_F(ScopeLogTest, NestedScopesWriteWholeCrLfLinesKeepTheLastErrorAndFollowTheFolder) {
+// Between Outer's first line and Inner the log is renamed (as good as deleted), grown to 100 MiB
+// (appended to) or over it (started afresh), or CommonFilesDataPath names another folder. A
+// traced function reports GetLastError after logging: the log's own calls must not change it.
+TEST_F(LogTest, ScopesWriteWholeCrLfLinesKeepTheLastErrorAndFollowTheLog) {
     SYSTEMTIME now;
     ::GetLocalTime(&now);
-    ::SetLastError(ERROR_SHARING_VIOLATION);
-    {
-        kite::ScopeLog outer("Outer::Scope");
-        outer << "before " << 42 << std::endl;
-        {
-            kite::ScopeLog inner("Inner");
-            inner << "flags " << true << false << std::endl;
-            EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_SHARING_VIOLATION));
-        }
-        outer << "after" << std::endl;
-        ::SetLastError(ERROR_FILE_NOT_FOUND);
-    }
-    EXPECT_EQ(::GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-    EXPECT_EQ(ReadMaskedLog(), "<stamp> : Entering Outer::Scope\r\nbefore 42\r\n" +
-                                   Trail("Inner", "flags 10\r\n") +
-                                   "after\r\n<stamp> : Exiting Outer::Scope\r\n");
     char today[16];
     std::snprintf(today, sizeof today, "%04d-%02d-%02d.", now.wYear, now.wMonth, now.wDay);
-    EXPECT_EQ(ReadLog().substr(0, 11), today);
-
-    // A host that keeps running follows a new data folder.
-    kitetest::TempFolder other("moved");
-    kitetest::CreateFolders(other / "twupdate\\log");
-    dataPath_.SetString(other.path());
-    { kite::ScopeLog log("Moved"); }
-    EXPECT_EQ(MaskStamps(kitetest::ReadFileBytes(other / "twupdate\\log\\CRITICALFIXES.LOG")),
-              Trail("Moved", ""));
-}
-
-// A log renamed (size 1 here) or grown over 100 MiB while an installation runs is started afresh
-// by its next scope; one of exactly 100 MiB is appended to. The file is sparse.
-TEST_F(ScopeLogTest, NextScopeStartsAFreshLogWhenTheOldIsGoneOrTooLarge) {
-    const std::string path = LogPath();
-    for (const LONGLONG size : {1LL, 104857600LL, 104857601LL}) {
+    const std::string path = LogPath(), moved = folder_ / "moved";
+    CreateFolders(moved + "\\twupdate\\log");
+    for (const std::string change : {"", "rename", "100MiB", "100MiB+1", "moved"}) {
         ClearLog();
+        const std::size_t kept = change == "100MiB" ? 104857600 : 0;
         {
             kite::ScopeLog outer("Outer");
-            namespace fs = std::filesystem;
-            size > 1 ? fs::resize_file(path, size) : fs::rename(path, path + ".old");
+            outer << "before " << 42 << std::endl;
+            if (change == "rename") std::filesystem::rename(path, path + ".old");
+            if (change[0] == '1') std::filesystem::resize_file(path, 104857600 + !kept);
+            if (change == "moved") dataPath_.SetString(moved);
+            ::SetLastError(ERROR_SHARING_VIOLATION);
             kite::ScopeLog inner("Inner");
+            inner << "flags " << true << false << std::endl;
+            EXPECT_EQ(::GetLastError(), DWORD{ERROR_SHARING_VIOLATION});
         }
-        const std::string log = ReadLog();
-        const std::size_t kept = std::min<std::size_t>(size == 104857600LL ? size : 0, log.size());
-        const std::string added = log.substr(kept, 1000);
-        EXPECT_EQ(log.size(), kept + added.size()) << size;
-        EXPECT_EQ(MaskStamps(added), Trail("Inner", "") + "<stamp> : Exiting Outer\r\n") << size;
+        const std::string log =
+            ReadFileBytes(change == "moved" ? moved + "\\twupdate\\log\\CRITICALFIXES.LOG" : path);
+        EXPECT_EQ(log.substr(0, 11), today) << change;
+        EXPECT_EQ(MaskStamps(log.substr(std::min(kept, log.size()), 1000)),
+                  (change.empty() ? "<stamp> : Entering Outer\r\nbefore 42\r\n" : "") +
+                      Trail("Inner", "flags 10\r\n") + "<stamp> : Exiting Outer\r\n")
+            << change;
     }
 }
 
-// What the reader answers (a 3000-character string takes a second query), and which values
-// become the log's folder: strings of fewer than 260 characters.
-TEST(CommonFilesDataPath, OnlyAStringShorterThan260CharactersIsTheFolder) {
-    const std::tuple<DWORD, std::size_t, long, bool> rows[] = {{REG_SZ, 259, 0, true},
-                                                               {REG_SZ, 260, 0, false},
-                                                               {REG_SZ, 3000, 0, false},
-                                                               {REG_EXPAND_SZ, 259, -6, false}};
-    kitetest::RegistryValue value(kitetest::kCommonKey, "CommonFilesDataPath");
-    for (const auto& [type, length, status, folder] : rows) {
+// The reader takes a second query for a 3000-character string.
+TEST_F(LogTest, OnlyAStringShorterThan260CharactersIsTheDataFolder) {
+    const std::tuple<DWORD, std::size_t, long> rows[] = {
+        {REG_SZ, 259, 0}, {REG_SZ, 260, 0}, {REG_SZ, 3000, 0}, {REG_EXPAND_SZ, 259, -6}};
+    for (const auto& [type, length, status] : rows) {
         const std::string text = "C:\\" + std::string(length - 3, 'p');
-        value.Set(type, std::string(text.c_str(), length + 1));
+        dataPath_.Set(type, std::string(text.c_str(), length + 1));
         const auto reader = kite::ProductParameterReader::CreateForCommonBranch();
         const char* read = nullptr;
         EXPECT_EQ(reader->GetParameter("CommonFilesDataPath", &read), status);
         EXPECT_EQ(read ? read : "<none>", status == 0 ? text : "<none>") << length;
         char area[kite::kWorkAreaBytes] = {};
         const char* found = kite::GetCommonFilesDataPath(area);
-        EXPECT_EQ(found == area + 260 ? found : "<none>", folder ? text : "<none>");
+        EXPECT_EQ(found == area + 260 ? found : "<none>",
+                  length < 260 && !status ? text : "<none>");
     }
 }
 
