@@ -1,5 +1,3 @@
-// Whole installations over a real product folder: the two outcomes, what is refused before the
-// first change, the copy's retries, and what the undo does with a new file it cannot delete.
 #include "KITEUpdate.h"
 #include "installer/Package.h"
 #include "support/PlatformOverride.h"
@@ -18,7 +16,6 @@ constexpr const char* kReadmeDigest =
 
 using InstallerTest = InstallationTest;
 
-// Each text is found in the log after the one before it.
 void ExpectInOrder(const std::string& log, const std::vector<std::string>& texts) {
     std::string::size_type at = 0;
     for (const std::string& text : texts) {

@@ -3,7 +3,6 @@
 #include "registration/ComServer.h"
 
 #include "support/KiteTest.h"
-#include "support/LogLines.h"
 #include "support/PlatformOverride.h"
 
 namespace {

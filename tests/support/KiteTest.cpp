@@ -99,18 +99,15 @@ void RegistryValue::Delete() {
 RegistryKey::RegistryKey(const std::string& key) {
     HKEY handle = nullptr;
     DWORD disposition = 0;
-    if (::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr,
-                          &handle, &disposition) != ERROR_SUCCESS) {
-        throw std::runtime_error("cannot create HKLM\\" + key);
-    }
+    ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &handle,
+                      &disposition);
     ::RegCloseKey(handle);
     if (disposition == REG_CREATED_NEW_KEY) created_ = key;
 }
 
+// Given a subkey's name, RegDeleteTree deletes the key itself as well.
 RegistryKey::~RegistryKey() {
-    if (created_.empty()) return;
-    ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
-    ::RegDeleteKeyA(HKEY_LOCAL_MACHINE, created_.c_str());
+    if (!created_.empty()) ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
 }
 
 LogTest::LogTest() : folder_("log"), dataPath_(kCommonKey, "CommonFilesDataPath") {
@@ -131,6 +128,26 @@ std::string MaskStamps(const std::string& log) {
 std::string Trail(const std::string& scope, const std::string& messages) {
     return "<stamp> : Entering " + scope + "\r\n" + messages + "<stamp> : Exiting " + scope +
            "\r\n";
+}
+
+std::vector<Lines> LinesOfScope(const std::string& maskedLog, const std::string& scope) {
+    static const std::string entering = "<stamp> : Entering ", exiting = "<stamp> : Exiting ";
+    std::vector<Lines> calls;
+    std::vector<std::size_t> open;  // per open scope, its call's index, or npos for other scopes
+    std::istringstream log(maskedLog);
+    for (std::string line; std::getline(log, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (line.rfind(entering, 0) == 0) {
+            const bool ours = line.substr(entering.size()) == scope;
+            if (ours) calls.emplace_back();
+            open.push_back(ours ? calls.size() - 1 : std::string::npos);
+        } else if (line.rfind(exiting, 0) == 0) {
+            if (!open.empty()) open.pop_back();
+        } else if (!open.empty() && open.back() != std::string::npos) {
+            calls[open.back()].push_back(line);
+        }
+    }
+    return calls;
 }
 
 KiteDll::KiteDll() : module_(::LoadLibraryA((ExeFolder() + "\\KITEUpdate.dll").c_str())) {

@@ -1,6 +1,5 @@
-// Shared helpers of the Windows test programs: folders and files in the Wine prefix, registry
-// values that are restored afterwards, the update log, the DLL as a host loads it, and child
-// processes.
+// Shared helpers of the test programs: folders and files in the Wine prefix, registry values
+// restored afterwards, the update log, the DLL as a host loads it, and child processes.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,6 +7,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 namespace kitetest {
 
@@ -27,7 +27,6 @@ struct NoCopy {
     NoCopy& operator=(const NoCopy&) = delete;
 };
 
-// A file the build made for the tests, in "fixtures" beside the test program.
 std::string FixturePath(const std::string& name);
 
 // A fresh folder C:\kitetest\<tag>-<pid>-<n>, removed with its contents at the end.
@@ -84,7 +83,6 @@ class LogTest : public ::testing::Test {
     std::string LogPath() const;
     std::string ReadLog() const { return ReadFileBytes(LogPath()); }
     void ClearLog() const { ::DeleteFileA(LogPath().c_str()); }
-    // The log with each entering and exiting stamp replaced by "<stamp>".
     std::string ReadMaskedLog() const;
 
     TempFolder folder_;
@@ -96,7 +94,11 @@ std::string MaskStamps(const std::string& log);
 // The expected trail of one scope: entering line, message lines, exiting line, CRLF each.
 std::string Trail(const std::string& scope, const std::string& messages);
 
-// KITEUpdate.dll from next to the test program, loaded with LoadLibraryA.
+using Lines = std::vector<std::string>;
+// One entry per call of the scope in a masked log, in order, each with the message lines that
+// call wrote itself, apart from those of the scopes nested in it (without their CR LF).
+std::vector<Lines> LinesOfScope(const std::string& maskedLog, const std::string& scope);
+
 class KiteDll : NoCopy {
   public:
     KiteDll();
@@ -116,7 +118,6 @@ struct ProcessResult {
     std::string output;  // standard output and error together
 };
 
-// Runs a command line to its end and collects what it printed.
 ProcessResult RunProcess(const std::string& commandLine);
 
 // Starts a command line without waiting; the caller owns the process handle.

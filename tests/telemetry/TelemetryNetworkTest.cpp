@@ -1,9 +1,11 @@
 #include "installer/KiteInstaller.h"
 
-#include "support/KiteServers.h"
+#include "support/KiteTest.h"
 #include "telemetry/TelemetryReporter.h"
 
+#include <filesystem>
 #include <regex>
+#include <set>
 #include <tuple>
 
 namespace {
@@ -11,8 +13,79 @@ namespace {
 using namespace kitetest;
 constexpr auto npos = std::string::npos;
 
-// Events leave through the library's sending thread: what the collector received is read after it.
-const bool kFlushBeforeReading = (KiteServers::beforeReading = kite::FlushTelemetry, true);
+// The loopback servers (scripts/kiteservers.py), seen through the folder they share with Wine.
+const std::string kShare = "C:\\kiteservers\\";
+
+std::string Address(const char* key) {
+    char value[200] = {};
+    ::GetPrivateProfileStringA("servers", key, "", value, sizeof value,
+                               (kShare + "addresses.ini").c_str());
+    if (value[0] == '\0') throw std::runtime_error("the test servers are not running");
+    return value;
+}
+
+// Sorted, without the partial files that a server is still writing. Events leave through the
+// library's sending thread: what the servers received is read after it has sent them.
+std::set<std::string> Files(const std::string& folder, const std::string& prefix = "") {
+    kite::FlushTelemetry();
+    std::set<std::string> paths;
+    for (const auto& entry : std::filesystem::directory_iterator(kShare + folder)) {
+        const std::filesystem::path& path = entry.path();
+        if (path.filename().string().rfind(prefix, 0) == 0 && path.extension() != ".part") {
+            paths.insert(path.string());
+        }
+    }
+    return paths;
+}
+
+// While one lives, the registry points the library at the servers (cleared when it is made).
+struct KiteServers {
+    KiteServers() : restore(Address("restore")), collector(Address("collector")) {
+        configServer_.SetString(Address("config"));
+        restoreServer_.SetString(restore);
+        SetCollectorMode("");
+        Clear();
+    }
+    void ServeConfiguration(const std::string& document) const {
+        WriteFileBytes(kShare + "config\\SplunkConfig.xml", document);
+    }
+    // How the collector behaves (see scripts/kiteservers.py); "" answers and closes.
+    void SetCollectorMode(const std::string& mode, int holdSeconds = 30) const {
+        WriteFileBytes(kShare + "control\\collector-mode", mode);
+        WriteFileBytes(kShare + "control\\collector-hold", std::to_string(holdSeconds));
+    }
+    // Served documents go away too: 404.
+    void Clear() const {
+        for (const char* folder : {"config", "restore", "requests", "connections"}) {
+            for (const std::string& path : Files(folder)) ::DeleteFileA(path.c_str());
+        }
+    }
+    // The collector's, in arrival order, raw: request line, headers in order, blank line, body.
+    std::vector<std::string> Requests() const {
+        std::vector<std::string> requests;
+        for (const std::string& path : Files("requests", "collector-"))
+            requests.push_back(ReadFileBytes(path));
+        return requests;
+    }
+    std::size_t Connections() const { return Files("connections", "collector-").size(); }
+
+    std::string restore, collector;  // host:port; the collector's host (port 443)
+    RegistryValue configServer_{kCommonKey, "KiteConfigServer"};
+    RegistryValue restoreServer_{kCommonKey, "KiteRestoreServer"};
+};
+
+// Both channels enabled, each endpoint set with its own path.
+std::string CollectorConfiguration(const std::string& collector) {
+    return std::regex_replace(
+        "<?xml version=\"1.0\"?>\r\n<SplunkConfig><LED><enable>true</enable><token>LED-TOKEN"
+        "</token><perf><loc>@</loc><endpoint>/led/perf</endpoint><header>X-Env: perf</header>"
+        "</perf><prod><loc>@</loc><endpoint>/led/prod</endpoint><header>Authorization: Splunk "
+        "led-prod</header></prod></LED><Track><enable>true</enable><token>TRACK-TOKEN</token>"
+        "<perf><loc>@</loc><endpoint>/track/perf</endpoint><header>X-Env: track</header></perf>"
+        "<prod><loc>@</loc><endpoint>/track/prod</endpoint><header></header></prod></Track>"
+        "<KILL_SWITCH>true</KILL_SWITCH></SplunkConfig>\r\n",
+        std::regex("@"), collector);
+}
 
 std::string Describe(const kite::TelemetryConfig& c) {
     std::string text = std::to_string(c.ledEnabled) + c.ledToken + " " +
