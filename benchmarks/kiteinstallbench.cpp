@@ -396,6 +396,18 @@ int Run(const std::string& root, int runs, const std::string& msi) {
     // Where an installation's time goes: the library's own code (user time of this process), its
     // system calls (kernel time), the rest waiting for Wine's server and the disk.
     double installUser = 0, installKernel = 0, digestsUser = 0, digestsKernel = 0;
+    // One installation in this process, timed, with the processor time it took.
+    const auto installInProcess = [&](const std::string& text, Measured& measured, double& user,
+                                      double& kernel) {
+        double userBefore = 0, kernelBefore = 0, userAfter = 0, kernelAfter = 0;
+        ProcessTimes(userBefore, kernelBefore);
+        const double start = Seconds();
+        if (installKite(text.c_str()) != S_OK) Fail("an installation failed");
+        measured.seconds.push_back(Seconds() - start);
+        ProcessTimes(userAfter, kernelAfter);
+        user += userAfter - userBefore;
+        kernel += kernelAfter - kernelBefore;
+    };
     for (int round = 0; round < runs; ++round) {
         double start = Seconds();
         CopyLoop(package);
@@ -413,15 +425,7 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         if (ends) {
             install.seconds.push_back(TimeChildInstall(root, "ok", install.exitCode));
         } else {
-            double user = 0, kernel = 0;
-            ProcessTimes(user, kernel);
-            start = Seconds();
-            if (installKite(manifest.c_str()) != S_OK) Fail("an installation failed");
-            install.seconds.push_back(Seconds() - start);
-            double userAfter = 0, kernelAfter = 0;
-            ProcessTimes(userAfter, kernelAfter);
-            installUser += userAfter - user;
-            installKernel += kernelAfter - kernel;
+            installInProcess(manifest, install, installUser, installKernel);
         }
         install.scopes = ScopesSince(log, before);
 
@@ -432,15 +436,7 @@ int Run(const std::string& root, int runs, const std::string& msi) {
             installDigests.seconds.push_back(
                 TimeChildInstall(root, "digests", installDigests.exitCode));
         } else if (digests) {
-            double user = 0, kernel = 0;
-            ProcessTimes(user, kernel);
-            start = Seconds();
-            if (installKite(manifestDigests.c_str()) != S_OK) Fail("an installation failed");
-            installDigests.seconds.push_back(Seconds() - start);
-            double userAfter = 0, kernelAfter = 0;
-            ProcessTimes(userAfter, kernelAfter);
-            digestsUser += userAfter - user;
-            digestsKernel += kernelAfter - kernel;
+            installInProcess(manifestDigests, installDigests, digestsUser, digestsKernel);
         }
         installDigests.scopes = ScopesSince(log, before);
 
