@@ -13,14 +13,18 @@ using namespace kitetest;
 // (appended to) or over it (started afresh), or CommonFilesDataPath names another folder. A
 // traced function reports GetLastError after logging: the log's own calls must not change it.
 TEST_F(LogTest, ScopesWriteWholeCrLfLinesKeepTheLastErrorAndFollowTheLog) {
-    SYSTEMTIME now;
-    ::GetLocalTime(&now);
-    char today[16];
-    std::snprintf(today, sizeof today, "%04d-%02d-%02d.", now.wYear, now.wMonth, now.wDay);
+    const auto today = [] {
+        SYSTEMTIME now;
+        ::GetLocalTime(&now);
+        char date[16];
+        std::snprintf(date, sizeof date, "%04d-%02d-%02d.", now.wYear, now.wMonth, now.wDay);
+        return std::string(date);
+    };
     const std::string path = LogPath(), moved = folder_ / "moved";
     CreateFolders(moved + "\\twupdate\\log");
     for (const std::string change : {"", "rename", "100MiB", "100MiB+1", "moved"}) {
         ClearLog();
+        const std::string day = today();
         const std::size_t kept = change == "100MiB" ? 104857600 : 0;
         {
             kite::ScopeLog outer("Outer");
@@ -35,7 +39,8 @@ TEST_F(LogTest, ScopesWriteWholeCrLfLinesKeepTheLastErrorAndFollowTheLog) {
         }
         const std::string log =
             ReadFileBytes(change == "moved" ? moved + "\\twupdate\\log\\CRITICALFIXES.LOG" : path);
-        EXPECT_EQ(log.substr(0, 11), today) << change;
+        // The day may turn between the stamp and the look at the clock.
+        EXPECT_TRUE(log.substr(0, 11) == day || log.substr(0, 11) == today()) << log.substr(0, 11);
         EXPECT_EQ(MaskStamps(log.substr(std::min(kept, log.size()), 1000)),
                   (change.empty() ? "<stamp> : Entering Outer\r\nbefore 42\r\n" : "") +
                       Trail("Inner", "flags 10\r\n") + "<stamp> : Exiting Outer\r\n")
