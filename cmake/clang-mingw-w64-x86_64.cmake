@@ -1,15 +1,12 @@
 # A second compiler for the same target: Debian's clang and lld building 64-bit Windows with
 # mingw-w64's headers, libstdc++ and runtime. Any warning fails the build, so code that only g++
 # accepts quietly shows up here. scripts/test.sh builds the library and the DLL with it.
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-target.cmake)
 
-set(KITE_MINGW_TRIPLET x86_64-w64-mingw32)
 set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)
 set(CMAKE_C_COMPILER_TARGET ${KITE_MINGW_TRIPLET})
 set(CMAKE_CXX_COMPILER_TARGET ${KITE_MINGW_TRIPLET})
-set(CMAKE_RC_COMPILER ${KITE_MINGW_TRIPLET}-windres)
 
 # clang does not find Debian's mingw-w64 libstdc++ by itself. The posix thread model, as the g++
 # build uses: the DLL must hand a std::string across its boundary exactly as that build does.
@@ -23,13 +20,3 @@ foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT
     "-fuse-ld=lld -L${KITE_GCC_MINGW} -static -static-libgcc -static-libstdc++ -lwinpthread")
 endforeach()
-
-set(CMAKE_FIND_ROOT_PATH /usr/${KITE_MINGW_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-# Packages also outside the sysroot: a host finds an unpacked KITEUpdate zip through
-# CMAKE_PREFIX_PATH wherever it lies.
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)

@@ -1,21 +1,7 @@
 # Cross build for 64-bit Windows with Debian's mingw-w64; test programs run under Wine.
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-target.cmake)
 
-set(KITE_MINGW_TRIPLET x86_64-w64-mingw32)
 # The posix thread model: std::thread and std::mutex exist (GoogleTest needs them); its
 # winpthread is linked statically like the rest of the runtime.
 set(CMAKE_C_COMPILER ${KITE_MINGW_TRIPLET}-gcc-posix)
 set(CMAKE_CXX_COMPILER ${KITE_MINGW_TRIPLET}-g++-posix)
-set(CMAKE_RC_COMPILER ${KITE_MINGW_TRIPLET}-windres)
-
-set(CMAKE_FIND_ROOT_PATH /usr/${KITE_MINGW_TRIPLET})
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-# Packages also outside the sysroot: a host finds an unpacked KITEUpdate zip through
-# CMAKE_PREFIX_PATH wherever it lies.
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-
-# wine64 itself, not the /usr/bin/wine wrapper, which prints a 32-bit hint on every start.
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
