@@ -16,7 +16,7 @@
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
 #include "common/Sha256.h"
-#include "installer/DurableJournal.h"
+#include "installer/JournalFile.h"
 #include "installer/KiteInstaller.h"
 #include "log/CommonFilesDataPath.h"
 #include "log/ScopeLog.h"
@@ -576,17 +576,16 @@ int Profile(const std::string& root, int count) {
             ::WriteFile(file.get(), "profile line\r\n", 14, &written, nullptr);
         });
     }
-    // One record of the installation's journal file: written and flushed to disk before the
-    // change it announces.
-    {
-        kite::DurableJournal journal;
-        journal.Begin(package.root + "\\product", false);
-        time("journal-record", [&](int i) {
-            journal.Intend({kite::ActionRecord{package.ProductPath(i % package.count), "",
-                                               kite::Action::FilePlaced, 0, ""}});
-        });
+    // The journal file of an installation of one file: its plan written and flushed once, then
+    // the file deleted, as a commit does.
+    time("journal-plan", [&](int i) {
+        kite::InstallPlan plan;
+        plan.items.push_back(kite::WorkItem{kite::Change::Place,
+                                            package.ProductPath(i % package.count), "", "", 0, ""});
+        kite::JournalFile journal;
+        journal.Begin(package.root + "\\product", plan);
         journal.Finish();
-    }
+    });
     const int files = package.count;
     time("access",
          [&](int i) { (void)::GetFileAttributesA(package.ProductPath(i % files).c_str()); });

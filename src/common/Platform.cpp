@@ -37,6 +37,7 @@ PlatformCalls RealPlatform() {
     calls.GetModuleFileNameExA = ::GetModuleFileNameExA;
     calls.MoveFileA = ::MoveFileA;
     calls.CopyFileA = ::CopyFileA;
+    calls.CreateFileA = ::CreateFileA;
     calls.WriteFile = ::WriteFile;
     calls.FlushFileBuffers = ::FlushFileBuffers;
     calls.DeleteFileA = ::DeleteFileA;

@@ -24,7 +24,8 @@ struct PlatformCalls {
     decltype(&::WaitForSingleObject) WaitForSingleObject;
     decltype(&::MoveFileA) MoveFileA;
     decltype(&::CopyFileA) CopyFileA;
-    // The installation's journal file.
+    // The files an installation writes: its journal, copies, the marker.
+    decltype(&::CreateFileA) CreateFileA;
     decltype(&::WriteFile) WriteFile;
     decltype(&::FlushFileBuffers) FlushFileBuffers;
     decltype(&::DeleteFileA) DeleteFileA;

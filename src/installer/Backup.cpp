@@ -1,6 +1,9 @@
+// Backup copies: before a program file or the build-information file is replaced, a copy of the
+// installed one is kept in the product's CriticalFixes folder, and the first one is never
+// replaced. A copy is written under a temporary name and takes its own name only once its bytes
+// are durable, so that a crash can never leave a cut copy under a backup's name.
 #include "installer/KiteInstaller.h"
 
-#include "common/BoundedFormat.h"
 #include "common/Platform.h"
 #include "common/Text.h"
 #include "exports/Helpers.h"
@@ -35,6 +38,8 @@ int RestorePolicyAnswer(ScopeLog& log, unsigned int majorVersion, unsigned int r
     return TextToInt(value.c_str()) <= static_cast<int>(release) ? 0 : -1;
 }
 
+bool Exists(const std::string& path) { return _access(path.c_str(), 0) == 0; }
+
 }  // namespace
 
 int CKiteInstaller::TakeBackup(unsigned int majorVersion, unsigned int release) {
@@ -44,15 +49,18 @@ int CKiteInstaller::TakeBackup(unsigned int majorVersion, unsigned int release) 
                : BuiltInBackupAnswer(majorVersion, release);
 }
 
-bool CKiteInstaller::BackupFile(const std::string& destination, int backupFlag) {
+// The plan knows whether the installed file exists and whether a backup of its name is kept
+// already (or made earlier in this installation): the folder is held, so neither changes.
+bool CKiteInstaller::BackupFile(CommandState& state, int backupFlag) {
     ScopeLog log("CKiteInstaller::BackupFile");
+    const std::string& destination = state.command.dst;
     if (backupFlag == 0) {
         log << "Exiting from BackupFile method as the takeBackup flag is = " << backupFlag
             << std::endl;
         return true;
     }
     log << "Backup request for " << destination << std::endl;
-    if (_access(destination.c_str(), 0) != 0) {
+    if (!state.facts.exists) {
         log << "File doesn't exist" << std::endl;
         return true;
     }
@@ -61,16 +69,40 @@ bool CKiteInstaller::BackupFile(const std::string& destination, int backupFlag) 
         return true;
     }
     bool result = true;
-    const std::string name = FileNameOfPath(destination);
-    char backup[260];
-    FormatBounded(backup, "%s\\CriticalFixes\\%s", productFolder_.c_str(), name.c_str());
-    // The first installation's backup copy is the one worth keeping.
-    if (_access(backup, 0) != 0 && !CopyFile_S(destination, backup)) {
-        result = false;
-        ReportError("KITE: Backup failed for " + name);
+    if (state.facts.backupWanted) {
+        const CopyJob job{nullptr, BackupTempPath(productFolder_, state.index), false,
+                          state.backup};
+        state.backupMade = CopyFile_S(destination, BackupPath(productFolder_, destination), job);
+        if (!state.backupMade) {
+            result = false;
+            ReportError("KITE: Backup failed for " + FileNameOfPath(destination));
+        }
     }
     log << "Return = " << result << std::endl;
     return result;
+}
+
+// Once its bytes are durable, a backup copy takes its name, unless a file of that name was
+// backed up earlier in this installation.
+bool CKiteInstaller::KeepBackup(CommandState& state) {
+    if (!state.backupMade) return true;
+    state.backupMade = false;
+    state.backup.reset();
+    const std::string temp = BackupTempPath(productFolder_, state.index);
+    const std::string backup = BackupPath(productFolder_, state.command.dst);
+    if (!Exists(backup) && Platform().MoveFileExA(temp.c_str(), backup.c_str(), 0)) return true;
+    Platform().DeleteFileA(temp.c_str());
+    return Exists(backup);
+}
+
+// Before the commit mark a copy under its temporary name may be cut short: it goes. After it,
+// every copy is durable and takes its name as KeepBackup would.
+void CKiteInstaller::RecoverBackup(const WorkItem& item, bool committing) {
+    if (!Exists(item.temp)) return;
+    if (!committing || Exists(item.target) ||
+        !Platform().MoveFileExA(item.temp.c_str(), item.target.c_str(), 0)) {
+        Platform().DeleteFileA(item.temp.c_str());
+    }
 }
 
 }  // namespace kite

@@ -12,11 +12,15 @@ namespace {
 
 // "\{XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX}": the name a replaced file waits under.
 constexpr std::size_t kAsideNameChars = 39;
+// ".kitenew": the ending new bytes are written under before they take their name.
+constexpr std::size_t kTempSuffixChars = 8;
 constexpr const char* kCriticalFixes = "\\CriticalFixes\\";
 // The longest name the installation keeps in the CriticalFixes folder.
 constexpr const char* kLongestOwnName = "force_apply_kite.dat";
 
-bool EqualNoCase(const std::string& a, const std::string& b) {
+}  // namespace
+
+bool SamePath(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i) {
         if (std::tolower(static_cast<unsigned char>(a[i])) !=
@@ -26,6 +30,8 @@ bool EqualNoCase(const std::string& a, const std::string& b) {
     }
     return true;
 }
+
+namespace {
 
 // CON, PRN, AUX, NUL, COM1-9 and LPT1-9 name devices in every folder, with any extension.
 bool IsDeviceName(const std::string& step) {
@@ -77,7 +83,7 @@ std::string ProductFolderRefusal(const std::string& appdir) {
 }
 
 std::string PathInsideRefusal(const std::string& appdir, const std::string& path) {
-    if (path.size() <= appdir.size() + 1 || !EqualNoCase(path.substr(0, appdir.size()), appdir) ||
+    if (path.size() <= appdir.size() + 1 || !SamePath(path.substr(0, appdir.size()), appdir) ||
         path[appdir.size()] != '\\') {
         return "not a file inside the product folder";
     }
@@ -91,20 +97,19 @@ std::string CommandRefusal(const std::string& appdir, const PlannedCommand& comm
     if (!inside.empty()) return "dst is " + inside;
     // The marker, the journal and the backup copies live there; a package may not replace them.
     const std::string own = appdir + "\\CriticalFixes\\";
-    if (dst.size() > own.size() && EqualNoCase(dst.substr(0, own.size()), own)) {
+    if (dst.size() > own.size() && SamePath(dst.substr(0, own.size()), own)) {
         return "dst is in the installation's own CriticalFixes folder";
     }
     const std::string::size_type slash = dst.rfind('\\');
     const std::size_t name = dst.size() - slash - 1;
-    if (slash + kAsideNameChars > kLongestPath ||
+    if (slash + kAsideNameChars > kLongestPath || dst.size() + kTempSuffixChars > kLongestPath ||
         appdir.size() + std::strlen(kCriticalFixes) + name > kLongestPath) {
-        return "dst is too long for its name aside or its backup copy";
+        return "dst is too long for its name aside, its temporary name or its backup copy";
     }
     const std::string& src = command.src;
-    const bool unc =
-        src.size() > 2 && src[0] == '\\' && src[1] == '\\' && src[2] != '?' && src[2] != '.';
-    if (!HasDrive(src) && !unc) return "src is not an absolute path";
-    for (const std::string& step : SplitText(src.substr(unc ? 2 : 3), '\\')) {
+    if (!HasDrive(src)) return "src is not a local path on a drive";
+    if (src.size() > kLongestPath) return "src is too long";
+    for (const std::string& step : SplitText(src.substr(3), '\\')) {
         if (IsDeviceName(step)) return "src names a device";
     }
     return std::string();

@@ -30,9 +30,14 @@ std::string PathInsideRefusal(const std::string& appdir, const std::string& path
 
 // Why a command is refused, or empty. Looks at the text only: dst must name a file strictly
 // inside appdir in the form the file system would resolve it to (no "." or ".." steps, no
-// second separator, stream, device or trailing-dot names, no long-path or device prefixes), and
-// every path built from it (its GUID name aside, its backup copy) must fit its buffer; src must
-// be an absolute path that is neither a device nor behind a device prefix.
+// second separator, stream, device or trailing-dot names, no long-path or device prefixes); src
+// must be a local path on a drive that names no device; and every path the installation uses for
+// the command (src, dst, its GUID name aside, its temporary name, its backup copy) must fit its
+// buffer.
 std::string CommandRefusal(const std::string& appdir, const PlannedCommand& command);
+
+// Whether two paths name the same file, as the file system compares names (without regard to
+// case).
+bool SamePath(const std::string& a, const std::string& b);
 
 }  // namespace kite

@@ -1,30 +1,66 @@
-// CKiteInstaller: the installer object of one installation. It owns the action journal, the
-// product folder and the folder-support flag; Commit or Abort consumes the journal.
+// CKiteInstaller: the installer object of one installation, and the engine that owns its order.
 //
-// An installation is decided before it is applied: the manifest becomes a list of commands, and
-// every command is checked (paths, payload digests, links on the way) before the first change.
-// Then each change goes through JournaledChange, the one place that owns the journal's order:
-// announce the records on disk, make the change, record what was made, settle what was not.
+// An installation is decided before it is applied: the manifest becomes a list of commands; every
+// command is checked and its source opened and held (so the bytes checked are the bytes copied);
+// the plan of every change (Plan.h) is written to the journal file and flushed once. Then the
+// changes run in the manifest's order, each recorded in the action journal as it is made; the
+// placed files are made durable; the commit mark is flushed; only then do the old files go. Any
+// failure undoes the action journal newest first. Each kind of change keeps its do, its undo and
+// its recovery together in a file of its own: Marker.cpp, Backup.cpp, MoveAside.cpp,
+// CopyFiles.cpp (placing a file), RegisterFiles.cpp.
+//
 // Steps answer true for success and write their own log line where they fail.
 #pragma once
 
 #include "common/Handles.h"
 #include "installer/ActionRecord.h"
-#include "installer/CommandCheck.h"
-#include "installer/DurableJournal.h"
+#include "installer/FolderHold.h"
+#include "installer/JournalFile.h"
 #include "installer/Manifest.h"
+#include "installer/Plan.h"
 
 #include <windows.h>
 
 #include <deque>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
 namespace kite {
 
-class JournaledChange;
-using Plan = std::vector<PlannedCommand>;
+// HRESULT_FROM_WIN32(ERROR_BUSY): another installation of the folder is running.
+constexpr HRESULT kFolderBusy = static_cast<HRESULT>(0x800700AAL);
+
+// One command while it is installed: what the manifest says, what the plan found, the source
+// held open since it was checked, and the files written for it, open until they are durable.
+struct CommandState {
+    std::size_t index = 0;
+    PlannedCommand command;
+    CommandFacts facts;
+    UniqueHandle source;
+    UniqueHandle placed;
+    UniqueHandle backup;
+    bool backupMade = false;
+};
+
+// Where a copy's bytes come from and go: the source held since it was checked (or none: it is
+// opened now), the temporary name they are written under, and whether they then take the
+// destination's name (a backup copy takes its name only once it is durable).
+struct CopyJob {
+    HANDLE from;
+    std::string temp;
+    bool placeIt;
+    UniqueHandle& written;    // receives the written file, open until it is flushed
+    bool makeFolder = false;  // the destination's folder may not exist yet
+};
+
+// One reason a package is refused before its first change: the text the log line and the error
+// event carry, and the installation's status.
+struct Refused {
+    std::string text;
+    HRESULT status;
+};
 
 class CKiteInstaller {
   public:
@@ -38,77 +74,93 @@ class CKiteInstaller {
     const std::string& productFolder() const { return productFolder_; }
     void SetProductFolder(std::string folder) { productFolder_ = std::move(folder); }
     void SetFolderSupport(bool on) { folderSupport_ = on; }
+    // The commands of an installation planned elsewhere, for steps called on their own.
+    void SetCommands(const std::vector<PlannedCommand>& commands) {
+        commands_.resize(commands.size());
+        for (std::size_t i = 0; i < commands.size(); ++i) commands_[i].command = commands[i];
+    }
 
-    // Journal and backups.
+    // The action journal.
     void RecordAction(const ActionRecord& record);
     void RecordComRegistration(const std::string& path, unsigned int reg, unsigned int serverType);
-    int TakeBackup(unsigned int majorVersion, unsigned int release);
-    bool BackupFile(const std::string& destination, int backupFlag);
 
-    // Copying a package's files into the product folder, and registering its servers.
-    bool CopyFiles(const Plan& plan);
-    bool CopyFile_S(const std::string& source, const std::string& destination);
-    bool RegisterFiles(const Plan& plan);
+    // The changes, in the order an installation makes them.
+    int TakeBackup(unsigned int majorVersion, unsigned int release);
+    bool BackupFile(CommandState& state, int backupFlag);
+    bool CopyFiles();
+    bool CopyFile_S(const std::string& source, const std::string& destination,
+                    const CopyJob& job);
+    bool RegisterFiles();
 
     // One whole installation, and its settlement.
     HRESULT Install(const char* manifestText);
+    // Every refusal an installation of the manifest would meet before its first change (not only
+    // the first), without changing anything: what a package author checks before shipping.
+    std::vector<std::string> CheckPackage(const char* manifestText);
     // Settles an installation of the product folder that was interrupted: 0 when none was
-    // pending, 1 when it was undone, 2 when its commit was finished, or a failure status when its
-    // journal file cannot be read or is not to be trusted (then nothing is touched).
+    // pending, 1 when it was undone, 2 when its commit was finished, kFolderBusy while another
+    // installation of the folder runs, or a failure status when its journal file cannot be read
+    // or is not to be trusted (then nothing is touched).
     HRESULT Recover();
     void Commit();
     void Abort();
     void DeleteFile_S(const std::string& path);
 
   private:
-    friend class JournaledChange;
-
+    // Checks (Checks.cpp): every one that can fail runs before the first change.
+    HRESULT Refusal(std::ostream& log, const std::vector<PlannedCommand>& commands);
+    std::vector<Refused> Refusals(const std::vector<PlannedCommand>& commands, bool all);
+    std::string FolderRefusalText(const std::string& reason) const;
+    std::string CommandRefusalText(std::size_t index, const std::string& reason) const;
+    HRESULT RefuseFolder(std::ostream& log, const std::string& reason, HRESULT status);
+    HRESULT RefuseCommand(std::ostream& log, std::size_t index, const std::string& reason,
+                          HRESULT status);
+    HRESULT Survey(std::ostream& log);
+    HRESULT SettlePendingRestores(std::ostream& log);
     std::string ProductExecutable() const;
     void ReportVersionFacts() const;
-    HRESULT Refusal(std::ostream& log, const Plan& plan);
-    HRESULT Transact(std::ostream& log, const Plan& plan);
-    bool ReplaceFile(std::ostream& log, const PlannedCommand& command, std::string& replacedName);
-    bool CopyWithRetries(std::ostream& log, const PlannedCommand& command, JournaledChange& change,
-                         std::size_t placed);
-    void Undo(std::ostream& log, const ActionRecord& record);
-    void UndoPlacedFile(std::ostream& log, const ActionRecord& record);
 
-    DurableJournal durable_;
+    // The engine (Install.cpp).
+    HRESULT Prepare(std::ostream& log, const std::vector<PlannedCommand>& commands);
+    HRESULT Transact(std::ostream& log);
+    bool MakeDurable(std::ostream& log, bool placedFiles);
+    HRESULT RecoverHeld(std::ostream& log);
+    void Undo(std::ostream& log, const ActionRecord& record);
+    void Recover(std::ostream& log, const WorkItem& item, bool committing);
+
+    // Each kind of change: its do, the undo of its records, and its recovery from the disk.
+    bool ArmMarker();
+    static void UndoMarker(std::ostream& log, const std::string& marker);
+    bool KeepBackup(CommandState& state);
+    static void RecoverBackup(const WorkItem& item, bool committing);
+    bool MoveAside(std::ostream& log, const CommandState& state, std::string& replacedName);
+    static void UndoMoveAside(std::ostream& log, const ActionRecord& record);
+    void RecoverAside(std::ostream& log, const WorkItem& item, bool committing);
+    bool CopyWithRetries(std::ostream& log, CommandState& state);
+    bool CopyThroughTemp(const std::string& source, const std::string& destination,
+                         const CopyJob& job);
+    static void UndoPlacedFile(const std::string& path, const std::string& aside);
+    static void RecoverPlacedFile(const WorkItem& item, bool committing);
+    void RecoverRegistration(const WorkItem& item, bool committing);
+
     std::deque<ActionRecord> journal_;
     std::string productFolder_;
     bool folderSupport_ = false;
-    // Sources whose digest was verified, held open so that nobody can change them until they
-    // are copied.
-    std::vector<UniqueHandle> verifiedSources_;
-};
-
-// One change to the product folder under the journal's protocol: its records are on disk before
-// it is made, each is recorded as its part is made, and whatever was not made is marked settled
-// when the change goes out of scope, so a crash at any point leaves a journal that tells the
-// truth.
-class JournaledChange {
-  public:
-    JournaledChange(CKiteInstaller& installer, std::vector<ActionRecord> records);
-    ~JournaledChange();
-    JournaledChange(const JournaledChange&) = delete;
-    JournaledChange& operator=(const JournaledChange&) = delete;
-
-    // False when the records could not be written: the change must not be made.
-    bool announced() const { return announced_; }
-    const ActionRecord& operator[](std::size_t index) const { return records_[index]; }
-    void Made(std::size_t index);
-
-  private:
-    CKiteInstaller& installer_;
-    std::vector<ActionRecord> records_;
-    std::vector<bool> made_;
-    bool announced_;
+    FolderHold hold_;
+    std::vector<CommandState> commands_;
+    InstallPlan plan_;
+    JournalFile journalFile_;
+    std::unique_ptr<char[]> copyBuffer_;
 };
 
 // Creates the empty force-apply marker, with its folder when that is missing.
 bool CreateEmptyMarker(const std::string& marker);
 
-// The size and last write time of a file, as a copy keeps them; empty when it cannot be read.
+// Reports "Something went wrong before invoking CopyFile_S" for the file; false.
+bool FailedBeforeCopy(std::ostream& log, const std::string& dst);
+
+// The size and last write time of a file, as the copy keeps them; empty when it cannot be read.
 std::string FileIdentity(const std::string& path);
+std::string FileIdentity(HANDLE file);
 
 }  // namespace kite

@@ -1,3 +1,5 @@
+// Registering the placed component servers, each recorded once registered so that an undo
+// unregisters it before the file is deleted.
 #include "installer/KiteInstaller.h"
 
 #include "installer/Events.h"
@@ -8,22 +10,21 @@
 
 namespace kite {
 
-bool CKiteInstaller::RegisterFiles(const Plan& plan) {
+bool CKiteInstaller::RegisterFiles() {
     ScopeLog log("CKiteInstaller::RegisterFiles");
     const int highestType = folderSupport_ ? 6 : 4;
     bool ok = true;
     std::string failed;
-    for (const PlannedCommand& command : plan) {
-        const int type = command.serverType;
-        if (_access(command.dst.c_str(), 0) != 0 || type < 1 || type > highestType) continue;
-        JournaledChange change(*this,
-                               {ActionRecord{command.dst, "", Action::UnregisterAgain, type, ""}});
-        if (!change.announced() || RegisterServer(command.dst, 1, type, folderSupport_) != S_OK) {
+    for (const CommandState& state : commands_) {
+        const std::string& dst = state.command.dst;
+        const int type = state.command.serverType;
+        if (_access(dst.c_str(), 0) != 0 || type < 1 || type > highestType) continue;
+        if (RegisterServer(dst, 1, type, folderSupport_) != S_OK) {
             ok = false;
-            failed = command.dst;
+            failed = dst;
             break;
         }
-        change.Made(0);
+        RecordComRegistration(dst, 0, static_cast<unsigned int>(type));
     }
     if (!ok) {
         // The line carries the success flag; RegisterServer has already logged the HRESULT.
@@ -34,6 +35,13 @@ bool CKiteInstaller::RegisterFiles(const Plan& plan) {
     TraceAndReport(log, "CKiteInstaller::RegisterFiles Return: " + std::to_string(ok ? 1 : 0),
                    false);
     return ok;
+}
+
+// Before the commit mark a server is unregistered while the file placed is still there (the
+// registration may or may not have run); the undo of its file comes next.
+void CKiteInstaller::RecoverRegistration(const WorkItem& item, bool committing) {
+    if (committing || item.identity.empty() || FileIdentity(item.target) != item.identity) return;
+    RegisterServer(item.target, 0, item.serverType, folderSupport_);
 }
 
 }  // namespace kite

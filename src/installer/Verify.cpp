@@ -18,8 +18,8 @@ std::string Lower(std::string text) {
 
 }  // namespace
 
-std::string ReparseRefusal(const std::string& appdir, const std::string& path) {
-    for (std::string::size_type at = appdir.size(); at != std::string::npos;) {
+std::string ReparseRefusal(const std::string& base, const std::string& path) {
+    for (std::string::size_type at = base.size(); at != std::string::npos;) {
         const std::string::size_type next = path.find('\\', at + 1);
         const std::string step = path.substr(0, next);
         const DWORD attributes = ::GetFileAttributesA(step.c_str());
@@ -27,6 +27,37 @@ std::string ReparseRefusal(const std::string& appdir, const std::string& path) {
         if (attributes & FILE_ATTRIBUTE_REPARSE_POINT)
             return "a junction or link stands at " + step;
         at = next;
+    }
+    return std::string();
+}
+
+HANDLE OpenSource(const std::string& path) {
+    if (!ReparseRefusal(path.substr(0, 2), path.substr(0, path.rfind('\\'))).empty()) {
+        ::SetLastError(ERROR_CANT_ACCESS_FILE);
+        return INVALID_HANDLE_VALUE;
+    }
+    UniqueHandle file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                    OPEN_EXISTING,
+                                    FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
+                                    nullptr));
+    BY_HANDLE_FILE_INFORMATION info;
+    if (file && (!::GetFileInformationByHandle(file.get(), &info) ||
+                 (info.dwFileAttributes &
+                  (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0)) {
+        ::SetLastError(ERROR_CANT_ACCESS_FILE);
+        return INVALID_HANDLE_VALUE;
+    }
+    return file.release();
+}
+
+std::string SourceRefusal(const PlannedCommand& command, UniqueHandle& held) {
+    const std::string& src = command.src;
+    if (::GetDriveTypeA((src.substr(0, 3)).c_str()) == DRIVE_REMOTE) {
+        return "src " + src + " is on a network drive";
+    }
+    held.reset(OpenSource(src));
+    if (!held && ::GetLastError() == ERROR_CANT_ACCESS_FILE) {
+        return "src " + src + " reaches through a link or is not a file";
     }
     return std::string();
 }
@@ -39,17 +70,16 @@ bool DigestsRequired() {
            value == 1;
 }
 
-std::string DigestRefusal(const PlannedCommand& command, UniqueHandle& held) {
+std::string DigestRefusal(const PlannedCommand& command, HANDLE held) {
     if (!command.hasDigest) return "it carries no sha256 and the policy requires one";
     if (!IsSha256Text(command.sha256)) {
         return "its sha256 \"" + command.sha256 + "\" is not 64 hexadecimal digits";
     }
-    held.reset(::CreateFileA(command.src.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                             OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-    const std::string actual = held ? Sha256OfFile(held.get()) : std::string();
+    const DWORD openError = ::GetLastError();
+    const std::string actual = held != nullptr ? Sha256OfFile(held) : std::string();
     if (actual.empty()) {
         return "its source " + command.src + " cannot be read, GetLastError " +
-               std::to_string(::GetLastError());
+               std::to_string(held != nullptr ? ::GetLastError() : openError);
     }
     if (actual != Lower(command.sha256)) {
         return "sha256 of " + command.src + " is " + actual + ", expected " + Lower(command.sha256);

@@ -65,8 +65,12 @@ TEST_F(InstallerTest, HostileCommandsAreRefusedBeforeAnyChange) {
         {good, app + "\\sub/..\\x.dll"},
         {good, package.Marker()},
         {good, app + "\\" + std::string(215, 'd') + "\\x"},
+        {good, app + "\\" + std::string(213 - app.size(), 'd') + "\\" + std::string(40, 'n')},
         {good, "x.dll"},
+        {good, app + "2\\x.dll"},
         {"NUL", app + "\\x.dll"},
+        {"\\\\server\\share\\x.dll", app + "\\x.dll"},
+        {package.pkg() + "\\" + std::string(260, 's'), app + "\\x.dll"},
     };
     for (const auto& [src, dst] : rows) {
         SCOPED_TRACE(src + " => " + dst);
@@ -124,7 +128,10 @@ TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
     src = package.pkg() + "\\readme.txt";
     copies = writable = 0;
     waits.clear();
-    platform.calls().CopyFileA = [](LPCSTR, LPCSTR, BOOL) -> BOOL { return ++copies, FALSE; };
+    // Each copy is written under a temporary name, then renamed into place: that rename fails.
+    platform.calls().MoveFileExA = [](LPCSTR, LPCSTR, DWORD) -> BOOL {
+        return ::SetLastError(ERROR_SHARING_VIOLATION), ++copies, FALSE;
+    };
     platform.calls().Sleep = [](DWORD ms) {
         waits.push_back(ms);
         HANDLE file =
@@ -137,36 +144,45 @@ TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
     EXPECT_EQ(copies, 4);
     EXPECT_EQ(waits, std::vector<DWORD>(3, 1000));
     EXPECT_EQ(writable, 0);
-    ExpectInOrder(ReadLog(), {"CopyFile_s for file " + src + " to destination " + dst +
-                              "failed in attempt  3\r\n"});
+    ExpectInOrder(ReadLog(), {"CopyFile failed with GetLastError 32\r\n",
+                              "CopyFile_s for file " + src + " to destination " + dst +
+                                  "failed in attempt  3\r\n"});
     package.ExpectUndone();
+    EXPECT_FALSE(Exists(dst + ".kitenew"));
 }
 
 // A new file held open cannot be deleted by the undo: the old one is put back over it at restart,
-// and the product's own name is never scheduled for deletion.
-TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
+// and the product's own name is never scheduled for deletion. The next installation of that file
+// makes the restore first, so that the restart cannot revert it.
+TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestartOrByTheNextInstallation) {
     Package package("kitecom_fail");
     const std::string key = "System\\CurrentControlSet\\Control\\Session Manager";
     RegistryValue pending(key, "PendingFileRenameOperations");
     pending.Delete();
-    PlatformOverride platform;
     static std::unique_ptr<HeldProgram> holder;
     static std::string program;
     program = package.app() + "\\tww.exe";
-    // The registration of the first server comes after every copy: hold the new program then.
-    KITE_INTERCEPT(CreateProcessA)::Arm();
-    KITE_INTERCEPT(CreateProcessA)::after = [] {
-        if (holder) return;
-        holder = std::make_unique<HeldProgram>();
-        holder->Start(HeldProgram::ProgramPath(), program);
-    };
-    EXPECT_EQ(InstallKite(package.Manifest().c_str()), static_cast<long>(E_FAIL));
-    KITE_INTERCEPT(CreateProcessA)::after = nullptr;
-    holder.reset();
     // Pairs of source and target; a "!" before the target replaces it, an empty one deletes.
-    std::vector<std::string> names;
-    std::istringstream operations(RegistryValueBytes(key, "PendingFileRenameOperations"));
-    for (std::string name; std::getline(operations, name, '\0');) names.push_back(name);
+    const auto pendingNames = [&] {
+        std::vector<std::string> names;
+        std::istringstream operations(RegistryValueBytes(key, "PendingFileRenameOperations"));
+        for (std::string name; std::getline(operations, name, '\0');) names.push_back(name);
+        return names;
+    };
+    {
+        PlatformOverride platform;
+        // The registration of the first server comes after every copy: hold the new program then.
+        KITE_INTERCEPT(CreateProcessA)::Arm();
+        KITE_INTERCEPT(CreateProcessA)::after = [] {
+            if (holder) return;
+            holder = std::make_unique<HeldProgram>();
+            holder->Start(HeldProgram::ProgramPath(), program);
+        };
+        EXPECT_EQ(InstallKite(package.Manifest().c_str()), static_cast<long>(E_FAIL));
+        KITE_INTERCEPT(CreateProcessA)::after = nullptr;
+    }
+    holder.reset();
+    const std::vector<std::string> names = pendingNames();
     bool replaced = false;
     for (std::size_t i = 0; i + 1 < names.size(); i += 2) {
         EXPECT_FALSE(names[i] == "\\??\\" + program && names[i + 1].empty());
@@ -174,6 +190,12 @@ TEST_F(InstallerTest, HeldNewFileIsReplacedByTheOldOneAtRestart) {
     }
     EXPECT_TRUE(replaced);
     EXPECT_TRUE(Exists(package.Marker()));
+    const std::string manifest = package.ManifestOf(
+        Package::Command(package.pkg() + "\\tww.exe", program, 0) +
+        Package::Command(package.pkg() + "\\readme.txt", package.app() + "\\readme.txt", 0));
+    EXPECT_EQ(InstallKite(manifest.c_str()), 0);
+    EXPECT_EQ(ReadFileBytes(program), ReadFileBytes(package.pkg() + "\\tww.exe"));
+    for (const std::string& name : pendingNames()) EXPECT_EQ(name.find(program), std::string::npos);
 }
 
 }  // namespace

@@ -21,6 +21,7 @@ class Package {
     // "kitecom_fail"); empty for a package without component servers.
     explicit Package(const std::string& newServer = "kitecom_ok");
 
+    const TempFolder& root() const { return root_; }
     std::string app() const { return root_ / "app"; }
     std::string pkg() const { return root_ / "pkg"; }
     std::string Marker() const { return app() + "\\CriticalFixes\\force_apply_kite.dat"; }

@@ -120,15 +120,16 @@ TEST_F(ComServerTest, RegisterFilesJournalsEachRegistrationUntilTheFirstFailure)
     const std::string planted = Recorder(ExeFolder() + "\\regsvr32.exe");
     const std::string a = Fixture("kitecom_ok", "a.dll"), s = Fixture("kitecom_sfalse", "s.dll");
     const std::string f = Fixture("kitecom_fail", "f.dll"), scope = "CKiteInstaller::RegisterFiles";
-    const kite::Plan plan = {{"", a, 0, {}, {}},       {"", a, 5, {}, {}}, {"", a, 2, {}, {}},
+    const std::vector<kite::PlannedCommand> plan = {{"", a, 0, {}, {}},       {"", a, 5, {}, {}}, {"", a, 2, {}, {}},
                              {"", a + "x", 2, {}, {}}, {"", s, 6, {}, {}}, {"", f, 2, {}, {}},
-                             {"", a, 2, {}, {}}};
+                                                   {"", a, 2, {}, {}}};
     const std::tuple<bool, std::size_t, std::string, std::string, std::string> rows[] = {
         {false, 1, f, "2", "80040201"}, {true, 2, s, "6", "1"}};
     for (const auto& [folderSupport, registered, failed, type, hr] : rows) {
         kite::CKiteInstaller installer;
         installer.SetFolderSupport(folderSupport);
-        EXPECT_FALSE(installer.RegisterFiles(plan));
+        installer.SetCommands(plan);
+        EXPECT_FALSE(installer.RegisterFiles());
         EXPECT_EQ(installer.journal().size(), registered);
         const std::string log = ReadMaskedLog();
         EXPECT_EQ(

@@ -219,6 +219,11 @@ void HeldProgram::Start(const std::string& exePath, const std::string& file) {
     WaitUntilRunning();
 }
 
+void HeldProgram::StartChild(const std::string& arguments) {
+    process_ = StartProcess(Quote(ProgramPath()) + " " + arguments + " " + Arguments());
+    WaitUntilRunning();
+}
+
 void HeldProgram::WaitUntilRunning() {
     // A program that ends instead of holding (not kitechild, for instance) fails at once.
     HANDLE waits[] = {ready_, process_};

@@ -137,6 +137,8 @@ class HeldProgram : NoCopy {
     // Starts the program at exePath (a copy of ProgramPath()) and waits until it runs, holding
     // the file, when one is named, open without sharing.
     void Start(const std::string& exePath, const std::string& file = "");
+    // Starts kitechild with these arguments before its "hold <name>", and waits until it holds.
+    void StartChild(const std::string& arguments);
     // Throws when the program has not come up within a minute (it never does when broken).
     void WaitUntilRunning();
     void Stop();

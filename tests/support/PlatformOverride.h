@@ -32,7 +32,7 @@ struct Intercept<R (*)(A...), member> {
     static inline void (*after)() = nullptr;
     static R Call(A... arguments) {
         long long answer = 0;
-        if (fail != nullptr && fail(&answer)) return static_cast<R>(answer);
+        if (fail != nullptr && fail(&answer)) return (R)answer;
         const R result = real(arguments...);
         if (after != nullptr) after();
         return result;

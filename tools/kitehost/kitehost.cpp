@@ -300,6 +300,19 @@ int RunDigest(HMODULE, const Args& args) {
     }
 }
 
+// For package authors: every check an installation makes before its first change, run over the
+// package without changing anything; every refusal is listed, not only the first.
+int RunCheck(HMODULE, const Args& args) {
+    std::ifstream in(args[0] + "\\manifest.xml", std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    kite::CKiteInstaller installer;
+    const std::vector<std::string> refusals = installer.CheckPackage(text.str().c_str());
+    for (const std::string& refusal : refusals) std::printf("%s\n", refusal.c_str());
+    if (refusals.empty()) std::printf("%s\\manifest.xml: accepted\n", args[0].c_str());
+    return refusals.empty() ? 0 : 5;
+}
+
 const Command kCommands[] = {
     {"applicable", "applicable <level> <settings.ini>", 2, 2, true, RunApplicable},
     {"force", "force <product folder>", 1, 1, true, RunForce},
@@ -318,6 +331,8 @@ const Command kCommands[] = {
      RunUpdate},
     {"digest", "digest <manifest.xml>  (linked library) print it with every source's sha256", 1, 1,
      false, RunDigest},
+    {"check", "check <package folder>  (linked library) list every refusal of its manifest.xml", 1,
+     1, false, RunCheck},
 };
 
 int Usage() {
