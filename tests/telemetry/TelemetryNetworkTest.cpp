@@ -228,9 +228,9 @@ TEST(TelemetryNetworkTest, NoCollectorHoldsAnInstallation) {
     EXPECT_GE(std::min(healthy[0], healthy[1]), 3u) << "every event is gone out";
 }
 
-// wininet and bcrypt are not known DLLs: in Windows' search order a copy beside the host comes
-// first. Run so, a host reads versions, downloads, posts events and checks a digest, and the copies
-// planted beside it never load (Wine's user32 imports version.dll: any host loads a planted one).
+// wininet and bcrypt are not known DLLs: in Windows' search order (set for this program) a copy
+// beside the host comes first. A host reads versions, downloads, posts events, checks a digest,
+// and the planted copies never load (Wine's user32 imports version.dll: any host loads that one).
 TEST(TelemetryNetworkTest, PlantedSystemDllsNeverLoad) {
     KiteServers servers;
     servers.ServeConfiguration(CollectorConfiguration(servers.collector));
@@ -251,14 +251,12 @@ TEST(TelemetryNetworkTest, PlantedSystemDllsNeverLoad) {
                        product +
                        "\\a.txt</dst><register>0</register><sha256>ca978112ca1bbdcafac231"
                        "b39a23dc4da786eff8147c4e72b9807785afee48bb</sha256></command></commands>");
-    ::SetEnvironmentVariableA("WINEDLLOVERRIDES", "version,wininet,urlmon,bcrypt=n,b");
-    const auto host =
-        RunProcess(Quote(folder / "kitehost.exe") + " update " + Quote(folder.path()));
-    ::SetEnvironmentVariableA("WINEDLLOVERRIDES", nullptr);
+    ASSERT_NE(std::getenv("WINEDLLOVERRIDES"), nullptr) << "set for this program by CTest";
+    const auto run = RunProcess(Quote(folder / "kitehost.exe") + " update " + Quote(folder.path()));
     EXPECT_FALSE(Exists(folder / "wininet.dll.loaded") || Exists(folder / "bcrypt.dll.loaded"));
-    EXPECT_TRUE(std::regex_search(host.output,
-                                  std::regex("Slipstream2\\) \\.+ 8\r\n[\\s\\S]* 0x00000000,")))
-        << host.output;
+    EXPECT_TRUE(
+        std::regex_search(run.output, std::regex("Slipstream2\\) \\.+ 8\r\n[\\s\\S]* 0x00000000,")))
+        << run.output;
     EXPECT_FALSE(servers.Requests().empty());
 }
 
