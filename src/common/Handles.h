@@ -2,6 +2,8 @@
 // the scope that acquired it, so no early return or exception can leak a handle into the host.
 #pragma once
 
+#include "common/Platform.h"
+
 #include <windows.h>
 #include <bcrypt.h>
 #include <objbase.h>
@@ -67,19 +69,19 @@ struct ModuleTraits {
 struct InternetTraits {
     static HINTERNET Invalid() { return nullptr; }
     static bool IsValid(HINTERNET h) { return h != nullptr; }
-    static void Close(HINTERNET h) { ::InternetCloseHandle(h); }
+    static void Close(HINTERNET h) { Platform().InternetCloseHandle(h); }
 };
 
 struct HashAlgorithmTraits {
     static BCRYPT_ALG_HANDLE Invalid() { return nullptr; }
     static bool IsValid(BCRYPT_ALG_HANDLE h) { return h != nullptr; }
-    static void Close(BCRYPT_ALG_HANDLE h) { ::BCryptCloseAlgorithmProvider(h, 0); }
+    static void Close(BCRYPT_ALG_HANDLE h) { Platform().BCryptCloseAlgorithmProvider(h, 0); }
 };
 
 struct HashTraits {
     static BCRYPT_HASH_HANDLE Invalid() { return nullptr; }
     static bool IsValid(BCRYPT_HASH_HANDLE h) { return h != nullptr; }
-    static void Close(BCRYPT_HASH_HANDLE h) { ::BCryptDestroyHash(h); }
+    static void Close(BCRYPT_HASH_HANDLE h) { Platform().BCryptDestroyHash(h); }
 };
 
 struct ViewTraits {

@@ -3,14 +3,20 @@
 // The library's code calls Platform().Name(...) instead of ::Name(...); a test replaces an
 // entry to supply the platform's answer or to make the n-th call fail, and puts the table back
 // afterwards. Entries carry the platform function's own name and signature.
+//
+// The functions of version.dll, wininet.dll and bcrypt.dll reach the library through this table
+// only, never by import: those DLLs are not among the system's known DLLs, so a DLL that imports
+// them gets whatever copy the host program's folder holds. The table takes them from the system
+// folder (see Platform.cpp); the DLL's link has no import library of theirs, so a direct call
+// does not build.
 #pragma once
 
 #include <windows.h>
+#include <bcrypt.h>
 #include <objbase.h>
 #include <psapi.h>
 #include <shlobj.h>
 #include <wininet.h>
-#include <urlmon.h>
 #include <netlistmgr.h>
 
 namespace kite {
@@ -49,6 +55,8 @@ struct PlatformCalls {
     decltype(&::HttpOpenRequestA) HttpOpenRequestA;
     decltype(&::HttpSendRequestA) HttpSendRequestA;
     decltype(&::HttpEndRequestA) HttpEndRequestA;
+    decltype(&::InternetSetOptionA) InternetSetOptionA;
+    decltype(&::InternetCloseHandle) InternetCloseHandle;
     decltype(&::CoCreateInstance) CoCreateInstance;
     // INetworkListManager::GetConnectivity on the given manager.
     HRESULT (*GetConnectivity)(INetworkListManager* manager, NLM_CONNECTIVITY* connectivity);
@@ -58,6 +66,17 @@ struct PlatformCalls {
     decltype(&::LoadLibraryA) LoadLibraryA;
     // mscoree.dll's CLRCreateInstance; the caller has mscoree.dll loaded.
     HRESULT(WINAPI* CLRCreateInstance)(REFCLSID clsid, REFIID riid, LPVOID* object);
+
+    // Payload digests and package signatures (CNG).
+    decltype(&::BCryptOpenAlgorithmProvider) BCryptOpenAlgorithmProvider;
+    decltype(&::BCryptCloseAlgorithmProvider) BCryptCloseAlgorithmProvider;
+    decltype(&::BCryptCreateHash) BCryptCreateHash;
+    decltype(&::BCryptHashData) BCryptHashData;
+    decltype(&::BCryptFinishHash) BCryptFinishHash;
+    decltype(&::BCryptDestroyHash) BCryptDestroyHash;
+    decltype(&::BCryptImportKeyPair) BCryptImportKeyPair;
+    decltype(&::BCryptVerifySignature) BCryptVerifySignature;
+    decltype(&::BCryptDestroyKey) BCryptDestroyKey;
 };
 
 // The process's table; it starts out with the real platform functions.

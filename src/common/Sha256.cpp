@@ -1,6 +1,7 @@
 #include "common/Sha256.h"
 
 #include "common/Handles.h"
+#include "common/Platform.h"
 
 #include <cctype>
 #include <vector>
@@ -29,22 +30,23 @@ std::string HexText(const unsigned char* bytes, ULONG count) {
 std::string Sha256OfFile(HANDLE file) {
     UniqueHashAlgorithm algorithm;
     UniqueHash hash;
-    if (!BCRYPT_SUCCESS(
-            ::BCryptOpenAlgorithmProvider(algorithm.put(), BCRYPT_SHA256_ALGORITHM, nullptr, 0)) ||
+    if (!BCRYPT_SUCCESS(Platform().BCryptOpenAlgorithmProvider(
+            algorithm.put(), BCRYPT_SHA256_ALGORITHM, nullptr, 0)) ||
         !BCRYPT_SUCCESS(
-            ::BCryptCreateHash(algorithm.get(), hash.put(), nullptr, 0, nullptr, 0, 0))) {
+            Platform().BCryptCreateHash(algorithm.get(), hash.put(), nullptr, 0, nullptr, 0, 0))) {
         return std::string();
     }
     std::vector<unsigned char> chunk(kChunkBytes);
     DWORD read = 0;
     do {
         if (!::ReadFile(file, chunk.data(), kChunkBytes, &read, nullptr)) return std::string();
-        if (read > 0 && !BCRYPT_SUCCESS(::BCryptHashData(hash.get(), chunk.data(), read, 0))) {
+        if (read > 0 &&
+            !BCRYPT_SUCCESS(Platform().BCryptHashData(hash.get(), chunk.data(), read, 0))) {
             return std::string();
         }
     } while (read > 0);
     unsigned char digest[kDigestBytes];
-    if (!BCRYPT_SUCCESS(::BCryptFinishHash(hash.get(), digest, kDigestBytes, 0))) {
+    if (!BCRYPT_SUCCESS(Platform().BCryptFinishHash(hash.get(), digest, kDigestBytes, 0))) {
         return std::string();
     }
     return HexText(digest, kDigestBytes);

@@ -1,6 +1,7 @@
 #include "telemetry/NetworkWorker.h"
 
 #include "common/Handles.h"
+#include "common/Platform.h"
 
 #include <deque>
 #include <memory>
@@ -117,10 +118,12 @@ class QueueLock {
 
 void SetNetworkTimeouts(HINTERNET handle, bool rootHandle) {
     DWORD timeout = kNetworkTimeoutMs;
-    ::InternetSetOptionA(handle, INTERNET_OPTION_CONNECT_TIMEOUT, &timeout, sizeof timeout);
+    Platform().InternetSetOptionA(handle, INTERNET_OPTION_CONNECT_TIMEOUT, &timeout,
+                                  sizeof timeout);
     if (rootHandle) return;
-    ::InternetSetOptionA(handle, INTERNET_OPTION_SEND_TIMEOUT, &timeout, sizeof timeout);
-    ::InternetSetOptionA(handle, INTERNET_OPTION_RECEIVE_TIMEOUT, &timeout, sizeof timeout);
+    Platform().InternetSetOptionA(handle, INTERNET_OPTION_SEND_TIMEOUT, &timeout, sizeof timeout);
+    Platform().InternetSetOptionA(handle, INTERNET_OPTION_RECEIVE_TIMEOUT, &timeout,
+                                  sizeof timeout);
 }
 
 bool RunBounded(std::function<void()> work, DWORD milliseconds) {

@@ -228,4 +228,36 @@ TEST(TelemetryNetworkTest, NoCollectorHoldsAnInstallation) {
     EXPECT_GE(std::min(healthy[0], healthy[1]), 3u) << "every event is gone out";
 }
 
+// wininet and bcrypt are not known DLLs: in Windows' search order (set for this program) a copy
+// beside the host comes first. A host reads versions, downloads, posts events, checks a digest,
+// and the planted copies never load (Wine's user32 imports version.dll: any host loads that one).
+TEST(TelemetryNetworkTest, PlantedSystemDllsNeverLoad) {
+    KiteServers servers;
+    servers.ServeConfiguration(CollectorConfiguration(servers.collector));
+    TempFolder folder("planted");
+    const std::string product = folder / "product", a = folder / "a.txt";
+    for (const std::string name : {"kitehost.exe", "KITEUpdate.dll"})
+        CopyFileTo(ExeFolder() + "\\" + name, folder / name);
+    for (const std::string name : {"wininet.dll", "bcrypt.dll"})
+        CopyFileTo(FixturePath("kiteplanted.dll"), folder / name);
+    CreateFolders(product + "\\CriticalFixes");
+    for (const std::string name : {"tww.exe", "BASECORE.DLL", "Options.DLL"})
+        CopyFileTo(FixturePath(name[0] == 't' ? "tw27-program-4008.exe" : "tw27-library-4008.dll"),
+                   product + "\\" + name);
+    WriteFileBytes(folder / "kite.ini", "[KITEApplicability]\r\nSlipstreams=R8\r\n");
+    WriteFileBytes(a, "a");
+    WriteFileBytes(folder / "manifest.xml",
+                   "<commands><appdir>" + product + "</appdir><command><src>" + a + "</src><dst>" +
+                       product +
+                       "\\a.txt</dst><register>0</register><sha256>ca978112ca1bbdcafac231"
+                       "b39a23dc4da786eff8147c4e72b9807785afee48bb</sha256></command></commands>");
+    ASSERT_NE(std::getenv("WINEDLLOVERRIDES"), nullptr) << "set for this program by CTest";
+    const auto run = RunProcess(Quote(folder / "kitehost.exe") + " update " + Quote(folder.path()));
+    EXPECT_FALSE(Exists(folder / "wininet.dll.loaded") || Exists(folder / "bcrypt.dll.loaded"));
+    EXPECT_TRUE(
+        std::regex_search(run.output, std::regex("Slipstream2\\) \\.+ 8\r\n[\\s\\S]* 0x00000000,")))
+        << run.output;
+    EXPECT_FALSE(servers.Requests().empty());
+}
+
 }  // namespace
