@@ -45,14 +45,14 @@ std::string IdentityOf(unsigned long long size, const FILETIME& written) {
                           written.dwLowDateTime);
 }
 
-// A placed file is still there when it is the file placed, or one shorter than it: a power cut
-// that came before the placed files were flushed can leave it cut short under its name.
+// A new file is still the one placed while it has the write time the copy gave it: the time was
+// set before the file took its name, so it holds after a power cut even where the bytes were
+// lost, and a repair of the product puts its files there with their own times.
 bool PlacedHere(const WorkItem& item) {
     const std::string now = FileIdentity(item.target);
-    if (now.empty() || item.identity.empty()) return false;
-    return now == item.identity ||
-           std::stoull(now.substr(0, now.find(':'))) <
-               std::stoull(item.identity.substr(0, item.identity.find(':')));
+    const std::string::size_type colon = item.identity.find(':');
+    return !now.empty() && colon != std::string::npos &&
+           now.substr(now.find(':')) == item.identity.substr(colon);
 }
 
 }  // namespace

@@ -161,9 +161,13 @@ ProcessResult Host(const Package& package, int cutAt, const char* mode, const st
                                     nullptr);
         LARGE_INTEGER at;
         at.QuadPart = std::stoll(size);
+        FILETIME created, accessed, written;
         if (file == INVALID_HANDLE_VALUE) continue;
+        // The cut loses bytes, not the times the file system recorded.
+        ::GetFileTime(file, &created, &accessed, &written);
         ::SetFilePointerEx(file, at, nullptr, FILE_BEGIN);
         ::SetEndOfFile(file);
+        ::SetFileTime(file, &created, &accessed, &written);
         ::CloseHandle(file);
     }
     ::DeleteFileA(lost.c_str());

@@ -96,19 +96,14 @@ void RegistryValue::Delete() {
     ::RegDeleteKeyValueA(HKEY_LOCAL_MACHINE, key_.c_str(), name_.c_str());
 }
 
-RegistryKey::RegistryKey(const std::string& key) {
-    HKEY handle = nullptr;
-    DWORD disposition = 0;
-    ::RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_WRITE, nullptr, &handle,
-                      &disposition);
-    ::RegCloseKey(handle);
-    if (disposition == REG_CREATED_NEW_KEY) created_ = key;
+// The key is the test's own: what a killed run left in it goes first.
+RegistryKey::RegistryKey(const std::string& key) : key_(key) {
+    ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, key_.c_str());
+    ::RegSetKeyValueA(HKEY_LOCAL_MACHINE, key_.c_str(), nullptr, REG_SZ, "", 1);
 }
 
 // Given a subkey's name, RegDeleteTree deletes the key itself as well.
-RegistryKey::~RegistryKey() {
-    if (!created_.empty()) ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, created_.c_str());
-}
+RegistryKey::~RegistryKey() { ::RegDeleteTreeA(HKEY_LOCAL_MACHINE, key_.c_str()); }
 
 LogTest::LogTest() : folder_("log"), dataPath_(kCommonKey, "CommonFilesDataPath") {
     CreateFolders(DataFolder() + "\\twupdate\\log");

@@ -70,7 +70,7 @@ class RegistryKey : NoCopy {
     ~RegistryKey();
 
   private:
-    std::string created_;  // empty when the key existed before
+    std::string key_;
 };
 
 // Each test gets its own common data folder with an empty log folder, and CommonFilesDataPath
