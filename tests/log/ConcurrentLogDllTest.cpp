@@ -67,8 +67,9 @@ void RunUnixIn(const std::string& folder, const std::string& script) {
 
 // Wine 8 makes no symbolic link of its own; it shows a Unix one (a folder's as a reparse point).
 // Each data folder d<i> has a link at its log or log folder: to a file over 100 MiB, a name of no
-// file, another log, an empty folder; d4 a hard link at its log. The export answers as usual, and
-// every target stays as it was.
+// file, another log, an empty folder; d4 a hard link at its log to that file, made in its turn so
+// that the first row sees a file of one name. The export answers as usual, and every target stays
+// as it was.
 TEST_F(LogTest, ALinkAtTheLogOrItsFolderLeavesItsTargetAsItWas) {
     const std::string big = folder_ / "big.dll", other = folder_ / "other\\CRITICALFIXES.LOG";
     CreateFolders(folder_ / "other\\empty");
@@ -89,12 +90,12 @@ TEST_F(LogTest, ALinkAtTheLogOrItsFolderLeavesItsTargetAsItWas) {
               "ln -s ../../../none d1/twupdate/log/CRITICALFIXES.LOG;"
               "rmdir d2/twupdate/log; ln -s ../../other d2/twupdate/log;"
               "rmdir d3/twupdate/log; ln -s ../../other/empty d3/twupdate/log");
-    ::CreateHardLinkA((folder_ / "d4\\twupdate\\log\\CRITICALFIXES.LOG").c_str(), big.c_str(),
-                      nullptr);
     EXPECT_EQ(ReadFileBytes(folder_ / "d2\\twupdate\\log\\CRITICALFIXES.LOG"), "kept\r\n");
     KiteDll dll;
     for (int i = 0; i < 5; ++i) {
         dataPath_.SetString(folder_ / ("d" + std::to_string(i)));
+        const std::string log = folder_ / ("d" + std::to_string(i)) + "\\twupdate\\log";
+        if (i == 4) ::CreateHardLinkA((log + "\\CRITICALFIXES.LOG").c_str(), big.c_str(), nullptr);
         EXPECT_EQ(
             dll.Get<IsKITEToBeForceAppliedFn>("IsKITEToBeForceApplied")(folder_.path().c_str()), 1);
         EXPECT_EQ(state(), before) << i;
