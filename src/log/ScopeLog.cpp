@@ -98,6 +98,112 @@ FileAtPath LookAt(const char* path) {
     return {true, (static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow};
 }
 
+// The log is shared with every reader and writer, deleting and renaming included, while it is
+// held.
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// The log's folders and file below the data folder. The data folder is the administrator's
+// choice; below it, ordinary users can often create files and folders (the data folder typically
+// sits under C:\ProgramData), and so plant a link where the log or one of its folders belongs.
+constexpr char kUpdateFolder[] = "\\twupdate";
+constexpr char kLogFolder[] = "\\twupdate\\log";
+constexpr char kLogFile[] = "\\twupdate\\log\\CRITICALFIXES.LOG";
+
+// Room for a final path: its "\\?\" or "\\?\UNC\" prefix, a folder of 259 characters and the
+// log's names below it.
+constexpr DWORD kFinalPathChars = 2 * kPathChars;
+
+bool FinalPathOf(HANDLE handle, char (&path)[kFinalPathChars], DWORD* chars) {
+    *chars = ::GetFinalPathNameByHandleA(handle, path, kFinalPathChars,
+                                         FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    return *chars > 0 && *chars < kFinalPathChars;
+}
+
+// File names compare as the file system compares them: without regard to case.
+bool SameNames(const char* a, DWORD aChars, const char* b, int bChars) {
+    return ::CompareStringA(LOCALE_INVARIANT, NORM_IGNORECASE, a, static_cast<int>(aChars), b,
+                            bChars) == CSTR_EQUAL;
+}
+
+// Where the log's folders and file are once every link is resolved: below the data folder's own
+// final path (an administrator may reach the data folder through a link of theirs), under exactly
+// the names that the log asks for. A handle's final path is the file it holds, so a link anywhere
+// below the data folder shows as another place, also where Wine follows a link that Windows would
+// open itself. The data folder's final path is kept while its text stays, and taken again when a
+// handle does not match it.
+class LogPlace {
+  public:
+    bool Holds(HANDLE handle, const char* folder, const char* below);
+
+  private:
+    bool Matches(const char* path, DWORD chars, const char* below) const;
+    void Refresh(const char* folder);
+
+    std::string folder_;
+    std::string finalFolder_;
+};
+
+bool LogPlace::Holds(HANDLE handle, const char* folder, const char* below) {
+    char path[kFinalPathChars];
+    DWORD chars = 0;
+    if (!FinalPathOf(handle, path, &chars)) return false;
+    if (folder_ == folder && Matches(path, chars, below)) return true;
+    Refresh(folder);
+    return Matches(path, chars, below);
+}
+
+bool LogPlace::Matches(const char* path, DWORD chars, const char* below) const {
+    const DWORD folderChars = static_cast<DWORD>(finalFolder_.size());
+    return folderChars > 0 && chars > folderChars &&
+           SameNames(path, folderChars, finalFolder_.data(), static_cast<int>(folderChars)) &&
+           SameNames(path + folderChars, chars - folderChars, below, -1);
+}
+
+void LogPlace::Refresh(const char* folder) {
+    folder_ = folder;
+    finalFolder_.clear();
+    const UniqueHandle opened(::CreateFileA(folder, FILE_READ_ATTRIBUTES, kShareAll, nullptr,
+                                            OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    char path[kFinalPathChars];
+    DWORD chars = 0;
+    if (!opened || !FinalPathOf(opened.get(), path, &chars)) return;
+    // A root folder's final path ends in its backslash; the names below begin with one.
+    if (path[chars - 1] == '\\') --chars;
+    finalFolder_.assign(path, chars);
+}
+
+// Opened with the flag that opens a link itself instead of its target (Wine follows it all the
+// same; the checks of what was opened then refuse it). Append-only access: every write goes to the
+// end of the file without an offset, so without an OVERLAPPED, which would cost Wine a round trip
+// to its server per line.
+UniqueHandle OpenLogFile(const char* path, DWORD disposition) {
+    return UniqueHandle(
+        ::CreateFileA(path, FILE_APPEND_DATA | SYNCHRONIZE, kShareAll, nullptr, disposition,
+                      FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+}
+
+bool SameFile(const BY_HANDLE_FILE_INFORMATION& a, const BY_HANDLE_FILE_INFORMATION& b) {
+    return a.dwVolumeSerialNumber == b.dwVolumeSerialNumber &&
+           a.nFileIndexHigh == b.nFileIndexHigh && a.nFileIndexLow == b.nFileIndexLow;
+}
+
+// Emptying needs write access, which would make every write through the kept handle land at its
+// file pointer; a second handle empties the file, and only once it holds the kept handle's own
+// file: a name turned into a link in between is never emptied.
+void EmptyLogFile(const char* path, const BY_HANDLE_FILE_INFORMATION& log) {
+    const UniqueHandle writer(::CreateFileA(path, GENERIC_WRITE, kShareAll, nullptr, OPEN_EXISTING,
+                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    BY_HANDLE_FILE_INFORMATION info;
+    // A new handle stands at the file's start.
+    if (writer && ::GetFileInformationByHandle(writer.get(), &info) && SameFile(info, log)) {
+        ::SetEndOfFile(writer.get());
+    }
+}
+
+unsigned long long SizeOf(const BY_HANDLE_FILE_INFORMATION& info) {
+    return (static_cast<unsigned long long>(info.nFileSizeHigh) << 32) | info.nFileSizeLow;
+}
+
 // The one log handle and data folder of the process, shared by every scope of every thread; its
 // lock also keeps the process's own lines whole, so the file's line lock only ever waits for
 // other processes.
@@ -109,10 +215,15 @@ class SharedLog {
 
   private:
     bool HandleNamesFileAt(const FileAtPath& file) const;
+    UniqueHandle OpenChecked(const char* folder, const char* path);
+    UniqueHandle CreateInOwnFolders(const char* folder, const char* path);
+    UniqueHandle OpenFolderStep(const char* folder, const char* below);
+    bool IsTheLog(HANDLE file, const char* folder, BY_HANDLE_FILE_INFORMATION* info);
 
     std::mutex mutex_;
     LineLock lineLock_;
     CommonFilesDataPathWatch folder_;
+    LogPlace place_;
     std::string path_;
     UniqueHandle file_;
     int scopes_ = 0;
@@ -122,7 +233,8 @@ class SharedLog {
 // The file at the path is still the handle's when the handle's file has a name left and both
 // report the same size. A file put in its place (the log renamed aside and another started)
 // differs in size as soon as either has been written; a size that moved because another process
-// appended in between only costs one reopening.
+// appended in between only costs one reopening. Whatever now stands at the path, the handle still
+// holds the file that was checked when it was opened.
 bool SharedLog::HandleNamesFileAt(const FileAtPath& file) const {
     FILE_STANDARD_INFO info;
     return file_ && file.exists &&
@@ -139,25 +251,64 @@ bool SharedLog::Enter() {
     char path[kPathChars];
     FormatBounded(path, "%s\\twupdate\\log\\CRITICALFIXES.LOG", folder);
     const FileAtPath file = LookAt(path);
-    const bool truncate = file.size > kLogTruncateAboveBytes;
-    if (truncate || path_ != path || !HandleNamesFileAt(file)) {
+    if (file.size > kLogTruncateAboveBytes || path_ != path || !HandleNamesFileAt(file)) {
         path_ = path;
-        // Deleting and renaming stay open to others while the handle is held.
-        const DWORD sharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-        // Emptying needs write access, which would make every write land at the file pointer.
-        if (truncate) {
-            const UniqueHandle emptied(::CreateFileA(path, GENERIC_WRITE, sharing, nullptr,
-                                                     TRUNCATE_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                                                     nullptr));
-        }
-        // Append-only access: every write goes to the end of the file without an offset, so
-        // without an OVERLAPPED, which would cost Wine a round trip to its server per line.
-        file_.reset(::CreateFileA(path, FILE_APPEND_DATA | SYNCHRONIZE, sharing, nullptr,
-                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        file_ = OpenChecked(folder, path);
     }
     if (!file_) return false;
     ++scopes_;
     return true;
+}
+
+// The administrator's log is written only where it belongs: a log refused here leaves the scope
+// silent, and whatever a link pointed at stays as it was.
+UniqueHandle SharedLog::OpenChecked(const char* folder, const char* path) {
+    UniqueHandle file = OpenLogFile(path, OPEN_EXISTING);
+    if (!file && ::GetLastError() == ERROR_FILE_NOT_FOUND) file = CreateInOwnFolders(folder, path);
+    BY_HANDLE_FILE_INFORMATION info;
+    if (!file || !IsTheLog(file.get(), folder, &info)) return UniqueHandle();
+    if (SizeOf(info) > kLogTruncateAboveBytes) EmptyLogFile(path, info);
+    return file;
+}
+
+// A file of its own (not a reparse point: a symbolic link, junction or mount point is never
+// written through), with no second name (a hard link would let whoever made it choose the file
+// that the administrator appends to), at the log's place.
+bool SharedLog::IsTheLog(HANDLE file, const char* folder, BY_HANDLE_FILE_INFORMATION* info) {
+    const DWORD notAFile = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
+    return ::GetFileInformationByHandle(file, info) && (info->dwFileAttributes & notAFile) == 0 &&
+           info->nNumberOfLinks == 1 && place_.Holds(file, folder, kLogFile);
+}
+
+// A new log is created only in folders that are folders of their own at their place, each held
+// without sharing deletion until the file exists, so that neither can be renamed away and
+// replaced by a link in between; and only where no name stands, so not through a link in the
+// file's own place either. The log never creates folders.
+UniqueHandle SharedLog::CreateInOwnFolders(const char* folder, const char* path) {
+    const UniqueHandle update = OpenFolderStep(folder, kUpdateFolder);
+    const UniqueHandle log = update ? OpenFolderStep(folder, kLogFolder) : UniqueHandle();
+    if (!log) return UniqueHandle();
+    UniqueHandle file = OpenLogFile(path, CREATE_NEW);
+    // Another process may have created it in between.
+    if (!file && ::GetLastError() == ERROR_FILE_EXISTS) file = OpenLogFile(path, OPEN_EXISTING);
+    return file;
+}
+
+// Listing access makes the handle count for sharing: one that reads attributes only would not
+// keep the folder from being renamed.
+UniqueHandle SharedLog::OpenFolderStep(const char* folder, const char* below) {
+    char path[kPathChars];
+    FormatBounded(path, "%s%s", folder, below);
+    UniqueHandle step(::CreateFileA(path, FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                    nullptr));
+    BY_HANDLE_FILE_INFORMATION info;
+    const DWORD kind = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY;
+    const bool own = step && ::GetFileInformationByHandle(step.get(), &info) &&
+                     (info.dwFileAttributes & kind) == FILE_ATTRIBUTE_DIRECTORY &&
+                     place_.Holds(step.get(), folder, below);
+    return own ? std::move(step) : UniqueHandle();
 }
 
 void SharedLog::Leave() {

@@ -8,6 +8,14 @@
 // closed when the last one ends, and one cached data folder, read again only after the registry
 // reports a change. Every scope entry still makes sure that the handle names the file now at the
 // log's path and that the file is not over the size limit.
+//
+// Ordinary users can often create files and folders below the data folder, so the log never
+// writes through a link one of them planted: the file is opened without following a link in its
+// place and is written only when it is a file of its own, with one name, whose final path is the
+// log's path below the data folder's final path (no junction, symbolic link or mount point on the
+// way). A new file is created only in the log's own folders, held while it is created, and never
+// through a link. A log over the size limit is emptied through a second handle only once that
+// handle holds the same file (volume and index) as the checked one. A refused log is silent.
 #pragma once
 
 #include <ctime>

@@ -3,6 +3,8 @@
 #include "log/ScopeLog.h"
 #include "support/KiteTest.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <future>
 
 namespace {
@@ -48,6 +50,57 @@ TEST_F(LogTest, AHeldLineLockFreezesNoInstallationAndProcessesAndThreadsLoseNoLi
     std::istringstream log(ReadMaskedLog());
     for (std::string line; std::getline(log, line);) ++lines[line];
     EXPECT_EQ(lines, expected);
+}
+
+// The prefix's Unix path of a path on C:.
+std::string UnixPath(std::string path) {
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return std::string(std::getenv("WINEPREFIX")) + "/drive_c" + path.substr(2);
+}
+
+// Wine starts a Unix program without a process to wait for: the script marks its own end.
+void RunUnixIn(const std::string& folder, const std::string& script) {
+    RunProcess("/bin/bash -c \"cd '" + UnixPath(folder) + "'; " + script + "; touch done\"");
+    for (int i = 0; i < 1200 && !Exists(folder + "\\done"); ++i) ::Sleep(50);
+    ::DeleteFileA((folder + "\\done").c_str());
+}
+
+// Wine 8 makes no symbolic link of its own; it shows a Unix one (a folder's as a reparse point).
+// Each data folder d<i> has a link at its log or log folder: to a file over 100 MiB, a name of no
+// file, another log, an empty folder; d4 a hard link at its log to that file, made in its turn so
+// that the first row sees a file of one name. The export answers as usual, and every target stays
+// as it was.
+TEST_F(LogTest, ALinkAtTheLogOrItsFolderLeavesItsTargetAsItWas) {
+    const std::string big = folder_ / "big.dll", other = folder_ / "other\\CRITICALFIXES.LOG";
+    CreateFolders(folder_ / "other\\empty");
+    CreateFolders(folder_ / "CriticalFixes");
+    WriteFileBytes(folder_ / "CriticalFixes\\force_apply_kite.dat", "");
+    WriteFileBytes(other, "kept\r\n");
+    WriteFileBytes(big, "MZ");
+    std::filesystem::resize_file(big, 104857601);
+    const auto state = [&] {
+        return std::to_string(std::hash<std::string>()(ReadFileBytes(big))) + ReadFileBytes(other) +
+               std::to_string(Exists(folder_ / "none") +
+                              2 * Exists(folder_ / "other\\empty\\CRITICALFIXES.LOG"));
+    };
+    const std::string before = state();
+    RunUnixIn(folder_.path(),
+              "mkdir -p d{0,1,2,3,4}/twupdate/log;"
+              "ln -s ../../../big.dll d0/twupdate/log/CRITICALFIXES.LOG;"
+              "ln -s ../../../none d1/twupdate/log/CRITICALFIXES.LOG;"
+              "rmdir d2/twupdate/log; ln -s ../../other d2/twupdate/log;"
+              "rmdir d3/twupdate/log; ln -s ../../other/empty d3/twupdate/log");
+    EXPECT_EQ(ReadFileBytes(folder_ / "d2\\twupdate\\log\\CRITICALFIXES.LOG"), "kept\r\n");
+    KiteDll dll;
+    for (int i = 0; i < 5; ++i) {
+        dataPath_.SetString(folder_ / ("d" + std::to_string(i)));
+        const std::string log = folder_ / ("d" + std::to_string(i)) + "\\twupdate\\log";
+        if (i == 4) ::CreateHardLinkA((log + "\\CRITICALFIXES.LOG").c_str(), big.c_str(), nullptr);
+        EXPECT_EQ(
+            dll.Get<IsKITEToBeForceAppliedFn>("IsKITEToBeForceApplied")(folder_.path().c_str()), 1);
+        EXPECT_EQ(state(), before) << i;
+    }
+    RunUnixIn(folder_.path(), "rm -r d*");
 }
 
 }  // namespace
