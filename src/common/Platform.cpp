@@ -58,6 +58,13 @@ PlatformCalls RealPlatform() {
     calls.GetConnectivity = AskConnectivity;
     calls.VerifyVersionInfoW = ::VerifyVersionInfoW;
     calls.IsWow64Process = LookUpIsWow64Process();
+    calls.BCryptOpenAlgorithmProvider = ::BCryptOpenAlgorithmProvider;
+    calls.BCryptCreateHash = ::BCryptCreateHash;
+    calls.BCryptHashData = ::BCryptHashData;
+    calls.BCryptFinishHash = ::BCryptFinishHash;
+    calls.BCryptImportKeyPair = ::BCryptImportKeyPair;
+    calls.BCryptVerifySignature = ::BCryptVerifySignature;
+    calls.BCryptDestroyKey = ::BCryptDestroyKey;
     return calls;
 }
 

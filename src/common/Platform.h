@@ -6,6 +6,7 @@
 #pragma once
 
 #include <windows.h>
+#include <bcrypt.h>
 #include <objbase.h>
 #include <psapi.h>
 #include <shlobj.h>
@@ -57,6 +58,16 @@ struct PlatformCalls {
     decltype(&::LoadLibraryA) LoadLibraryA;
     // mscoree.dll's CLRCreateInstance; the caller has mscoree.dll loaded.
     HRESULT(WINAPI* CLRCreateInstance)(REFCLSID clsid, REFIID riid, LPVOID* object);
+
+    // The check of a signed manifest (CNG): the digest of its text, each trusted key, the
+    // verification.
+    decltype(&::BCryptOpenAlgorithmProvider) BCryptOpenAlgorithmProvider;
+    decltype(&::BCryptCreateHash) BCryptCreateHash;
+    decltype(&::BCryptHashData) BCryptHashData;
+    decltype(&::BCryptFinishHash) BCryptFinishHash;
+    decltype(&::BCryptImportKeyPair) BCryptImportKeyPair;
+    decltype(&::BCryptVerifySignature) BCryptVerifySignature;
+    decltype(&::BCryptDestroyKey) BCryptDestroyKey;
 };
 
 // The process's table; it starts out with the real platform functions.
