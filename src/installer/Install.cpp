@@ -4,6 +4,7 @@
 #include "common/BoundedFormat.h"
 #include "exports/Helpers.h"
 #include "installer/Events.h"
+#include "installer/Signature.h"
 #include "installer/Verify.h"
 #include "log/ScopeLog.h"
 
@@ -94,6 +95,12 @@ HRESULT CKiteInstaller::Transact(std::ostream& log, const Plan& plan) {
 HRESULT CKiteInstaller::Install(const char* manifestText) {
     ScopeLog log("CKiteInstaller::Install");
     HRESULT result = E_FAIL;
+    // Nothing the manifest says is read before its signature is checked.
+    const SignatureVerdict signature = CheckManifestSignature(log, manifestText);
+    if (signature.status != S_OK) {
+        log << "Return = " << std::hex << static_cast<unsigned long>(signature.status) << std::endl;
+        return signature.status;
+    }
     try {
         const ptree manifest = ParseManifest(manifestText);
         productFolder_ = manifest.get<std::string>("commands.appdir");
@@ -117,7 +124,8 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
         if (const boost::optional<const ptree&> commands =
                 manifest.get_child_optional("commands")) {
             const Plan plan = ReadCommands(*commands);
-            result = Refusal(log, plan);
+            result = SignedManifestRefusal(log, signature, *commands, plan, productFolder_);
+            if (result == S_OK) result = Refusal(log, plan);
             // An installation of this folder that was cut short is settled before this one
             // starts; one whose journal is not to be trusted stops this one.
             if (result == S_OK && _access(JournalPath(productFolder_).c_str(), 0) == 0) {
