@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 namespace kite {
 
@@ -147,21 +148,23 @@ bool SignatureRequired() {
 
 std::vector<SignatureElement> FindSignatureElements(const std::string& manifest) {
     std::vector<SignatureElement> found;
-    std::vector<std::string> open;  // the elements open at this point, the root first
+    std::size_t depth = 0;    // elements open at this point
+    bool inCommands = false;  // the open top-level element is "commands"
     for (std::size_t at = manifest.find('<'); at != std::string::npos;
          at = manifest.find('<', at)) {
         const std::size_t end = MarkupEnd(manifest, at);
         if (end == std::string::npos) break;
         const char kind = manifest[at + 1];
         if (kind == '/') {
-            if (!open.empty()) open.pop_back();
+            if (depth > 0) --depth;
         } else if (kind != '!' && kind != '?') {
             const std::size_t nameEnd = manifest.find_first_of(" \t\r\n/>?", at + 1);
-            const std::string name = manifest.substr(at + 1, nameEnd - at - 1);
-            if (name == "signature" && open.size() == 1 && open.front() == "commands") {
+            const std::string_view name(manifest.data() + at + 1, nameEnd - at - 1);
+            if (depth == 0) inCommands = name == "commands";
+            if (depth == 1 && inCommands && name == "signature") {
                 found.push_back(ElementAt(manifest, at, end));
             }
-            if (manifest[end - 2] != '/') open.push_back(name);
+            if (manifest[end - 2] != '/') ++depth;
         }
         at = end;
     }
