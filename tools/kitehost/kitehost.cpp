@@ -184,6 +184,13 @@ const char* ResultInWords(long result) {
             return "refused: administrator rights are needed; nothing was touched";
         case 0x80004005UL:
             return "failed: the installation was undone and will be forced next time";
+        case 0x80096010UL:
+            return "refused: a payload or the manifest's signature does not verify; nothing was "
+                   "touched";
+        case 0x800B0100UL:
+            return "refused: the machine requires a signed manifest; nothing was touched";
+        case 0x80070666UL:
+            return "refused: the signed manifest is for other releases; nothing was touched";
         default:
             return "unexpected result";
     }
