@@ -15,9 +15,11 @@
 // them.
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
+#include "Signing.h"
 #include "common/Sha256.h"
 #include "installer/JournalFile.h"
 #include "installer/KiteInstaller.h"
+#include "installer/Signature.h"
 #include "log/CommonFilesDataPath.h"
 #include "log/ScopeLog.h"
 
@@ -611,6 +613,19 @@ int Profile(const std::string& root, int count) {
         ::MoveFileA(dst.c_str(), aside.c_str());
         ::MoveFileA(aside.c_str(), dst.c_str());
     });
+    // The check of a signed manifest, once per installation: finding its element, SHA-256 of the
+    // rest, the trusted key imported, the verification; for the whole package and for one file.
+    kitehost::SigningKey key;
+    if (!kitehost::GenerateSigningKey(key)) Fail("CNG cannot make a P-256 key");
+    const std::vector<std::string> trusted = {kitehost::PublicKeyText(key)};
+    const std::string whole =
+        kitehost::SignManifestText(Manifest(package, !package.digests.empty()), key);
+    time("signature-check", [&](int) { (void)kite::CheckSignature(whole, trusted, true); });
+    Package one = package;
+    one.count = 1;
+    const std::string single = kitehost::SignManifestText(Manifest(one), key);
+    time("signature-check-one-file",
+         [&](int) { (void)kite::CheckSignature(single, trusted, true); });
     return 0;
 }
 

@@ -33,7 +33,10 @@ typedef int (*GetTwSlipstream2Fn)(const char* installFolder);
  * product folder that the manifest's "appdir" names. Returns 0 when every file was placed and
  * registered, 0x80070005 without administrator rights (nothing touched), and 0x80004005 for any
  * failure, after the installation was undone and a force-apply marker left in the product's
- * CriticalFixes folder. */
+ * CriticalFixes folder. A refused package touches nothing and leaves no marker: 0x80096010 when a
+ * payload's digest or the manifest's signature does not verify, 0x800B0100 when the machine
+ * requires a signed manifest (KiteRequireSignature) and it is not signed, 0x80070666 when a signed
+ * manifest names other releases than the installed one. */
 long InstallKite(const char* manifestXml);
 typedef long (*InstallKiteFn)(const char* manifestXml);
 

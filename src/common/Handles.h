@@ -84,6 +84,12 @@ struct HashTraits {
     static void Close(BCRYPT_HASH_HANDLE h) { Platform().BCryptDestroyHash(h); }
 };
 
+struct CngKeyTraits {
+    static BCRYPT_KEY_HANDLE Invalid() { return nullptr; }
+    static bool IsValid(BCRYPT_KEY_HANDLE k) { return k != nullptr; }
+    static void Close(BCRYPT_KEY_HANDLE k) { Platform().BCryptDestroyKey(k); }
+};
+
 struct ViewTraits {
     static void* Invalid() { return nullptr; }
     static bool IsValid(void* v) { return v != nullptr; }
@@ -106,6 +112,7 @@ using UniqueView = UniqueResource<void*, ViewTraits>;
 using UniqueLocal = UniqueResource<HLOCAL, LocalMemoryTraits>;
 using UniqueHashAlgorithm = UniqueResource<BCRYPT_ALG_HANDLE, HashAlgorithmTraits>;
 using UniqueHash = UniqueResource<BCRYPT_HASH_HANDLE, HashTraits>;
+using UniqueCngKey = UniqueResource<BCRYPT_KEY_HANDLE, CngKeyTraits>;
 
 // A heap block whose size the platform names at run time (version information, for instance).
 using UniqueBytes = std::unique_ptr<BYTE[]>;

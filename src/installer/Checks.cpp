@@ -6,6 +6,7 @@
 #include "common/Platform.h"
 #include "installer/BackupPolicy.h"
 #include "installer/Events.h"
+#include "installer/Signature.h"
 #include "installer/Verify.h"
 #include "telemetry/TelemetryReporter.h"
 
@@ -47,8 +48,7 @@ std::string CKiteInstaller::FolderRefusalText(const std::string& reason) const {
            reason;
 }
 
-HRESULT CKiteInstaller::RefuseFolder(std::ostream& log, const std::string& reason,
-                                     HRESULT status) {
+HRESULT CKiteInstaller::RefuseFolder(std::ostream& log, const std::string& reason, HRESULT status) {
     TraceAndReport(log, FolderRefusalText(reason), true);
     return status;
 }
@@ -105,14 +105,25 @@ HRESULT CKiteInstaller::RefuseCommand(std::ostream& log, std::size_t index,
 std::vector<std::string> CKiteInstaller::CheckPackage(const char* manifestText) {
     std::vector<std::string> texts;
     try {
+        const SignatureVerdict signature =
+            CheckSignature(manifestText, ReadTrustedKeys(), SignatureRequired());
+        if (signature.status != S_OK) {
+            // The installation reads nothing more of a manifest refused for its signature.
+            texts.push_back("KITE: CKiteInstaller::Install refused the manifest: " +
+                            signature.reason);
+            return texts;
+        }
         const ptree manifest = ParseManifest(manifestText);
         productFolder_ = manifest.get<std::string>("commands.appdir");
         const std::string reason = ProductFolderRefusal(productFolder_);
         if (!reason.empty()) texts.push_back(FolderRefusalText(reason));
+        const ptree& commands = manifest.get_child("commands");
+        const std::vector<PlannedCommand> planned = ReadCommands(commands);
         for (const Refused& refused :
-             Refusals(ReadCommands(manifest.get_child("commands")), true)) {
+             SignedManifestRefusals(signature, commands, planned, productFolder_)) {
             texts.push_back(refused.text);
         }
+        for (const Refused& refused : Refusals(planned, true)) texts.push_back(refused.text);
     } catch (const std::exception& error) {
         texts.push_back(std::string("KITE: CKiteInstaller::Install cannot read the manifest: ") +
                         error.what());

@@ -5,6 +5,8 @@
 // end the host with the product folder half replaced.
 #pragma once
 
+#include <windows.h>
+
 #include <string>
 
 namespace kite {
@@ -16,6 +18,13 @@ struct PlannedCommand {
     int serverType = 0;
     bool hasDigest = false;
     std::string sha256;  // as the manifest wrote it
+};
+
+// One reason a package is refused before its first change: the text the log line and the error
+// event carry, and the installation's status.
+struct Refused {
+    std::string text;
+    HRESULT status;
 };
 
 // Longest path any of the installation's fixed-size buffers takes, terminator excluded.

@@ -6,6 +6,7 @@
 #include "common/Platform.h"
 #include "exports/Helpers.h"
 #include "installer/Events.h"
+#include "installer/Signature.h"
 #include "installer/Verify.h"
 #include "log/ScopeLog.h"
 #include "registration/ComServer.h"
@@ -32,8 +33,8 @@ struct FlushWork {
 
 DWORD WINAPI FlushSome(void* parameter) {
     FlushWork& work = *static_cast<FlushWork*>(parameter);
-    for (LONG i; (i = ::InterlockedIncrement(&work.next) - 1) <
-                 static_cast<LONG>(work.files.size());) {
+    for (LONG i;
+         (i = ::InterlockedIncrement(&work.next) - 1) < static_cast<LONG>(work.files.size());) {
         if (!Platform().FlushFileBuffers(work.files[static_cast<std::size_t>(i)])) {
             ::InterlockedCompareExchange(&work.failed, static_cast<LONG>(::GetLastError()), 0);
         }
@@ -144,6 +145,12 @@ void CKiteInstaller::RecordComRegistration(const std::string& path, unsigned int
 HRESULT CKiteInstaller::Install(const char* manifestText) {
     ScopeLog log("CKiteInstaller::Install");
     HRESULT result = E_FAIL;
+    // Nothing the manifest says is read before its signature is checked.
+    const SignatureVerdict signature = CheckManifestSignature(log, manifestText);
+    if (signature.status != S_OK) {
+        log << "Return = " << std::hex << static_cast<unsigned long>(signature.status) << std::endl;
+        return signature.status;
+    }
     try {
         const ptree manifest = ParseManifest(manifestText);
         productFolder_ = manifest.get<std::string>("commands.appdir");
@@ -166,7 +173,9 @@ HRESULT CKiteInstaller::Install(const char* manifestText) {
         }
         if (const boost::optional<const ptree&> commands =
                 manifest.get_child_optional("commands")) {
-            result = Prepare(log, ReadCommands(*commands));
+            const std::vector<PlannedCommand> planned = ReadCommands(*commands);
+            result = SignedManifestRefusal(log, signature, *commands, planned, productFolder_);
+            if (result == S_OK) result = Prepare(log, planned);
             if (result == S_OK) result = Transact(log);
         }
     } catch (...) {
@@ -194,7 +203,8 @@ HRESULT CKiteInstaller::Prepare(std::ostream& log, const std::vector<PlannedComm
         if (FAILED(recovered)) {
             result = RefuseFolder(log,
                                   "the journal of an interrupted installation cannot be settled, "
-                                  "status " + HexStatus(recovered),
+                                  "status " +
+                                      HexStatus(recovered),
                                   E_FAIL);
         }
     }
@@ -254,7 +264,8 @@ bool CKiteInstaller::MakeDurable(std::ostream& log, bool placedFiles) {
     if (!ok) {
         TraceAndReport(log,
                        "KITE: CKiteInstaller::Install cannot make the files it wrote durable, "
-                       "GetLastError " + std::to_string(error),
+                       "GetLastError " +
+                           std::to_string(error),
                        true);
     }
     return ok;

@@ -55,13 +55,6 @@ struct CopyJob {
     bool makeFolder = false;  // the destination's folder may not exist yet
 };
 
-// One reason a package is refused before its first change: the text the log line and the error
-// event carry, and the installation's status.
-struct Refused {
-    std::string text;
-    HRESULT status;
-};
-
 class CKiteInstaller {
   public:
     // The whole fixed-file-information block of the file at path: S_OK or E_FAIL.
@@ -88,8 +81,7 @@ class CKiteInstaller {
     int TakeBackup(unsigned int majorVersion, unsigned int release);
     bool BackupFile(CommandState& state, int backupFlag);
     bool CopyFiles();
-    bool CopyFile_S(const std::string& source, const std::string& destination,
-                    const CopyJob& job);
+    bool CopyFile_S(const std::string& source, const std::string& destination, const CopyJob& job);
     bool RegisterFiles();
 
     // One whole installation, and its settlement.

@@ -7,15 +7,15 @@
 // (telemetry, restore, event) reach parts of the library that no export offers; for them kitehost
 // links the library itself and does not load the DLL.
 #include "KITEUpdate.h"
-#include "common/Sha256.h"
+#include "Signing.h"
 #include "installer/KiteInstaller.h"
 #include "telemetry/Download.h"
 #include "telemetry/DownloadServer.h"
 #include "telemetry/TelemetryReporter.h"
 
 #include <windows.h>
-
-#include <boost/property_tree/xml_parser.hpp>
+#include <fcntl.h>
+#include <io.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -184,6 +184,13 @@ const char* ResultInWords(long result) {
             return "refused: administrator rights are needed; nothing was touched";
         case 0x80004005UL:
             return "failed: the installation was undone and will be forced next time";
+        case 0x80096010UL:
+            return "refused: a payload or the manifest's signature does not verify; nothing was "
+                   "touched";
+        case 0x800B0100UL:
+            return "refused: the machine requires a signed manifest; nothing was touched";
+        case 0x80070666UL:
+            return "refused: the signed manifest is for other releases; nothing was touched";
         default:
             return "unexpected result";
     }
@@ -269,35 +276,91 @@ int RunUpdate(HMODULE dll, const Args& args) {
     return result == 0 ? 0 : 5;
 }
 
+std::string ReadWhole(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// The manifest at path with the sha256 of every command's source filled in; false (after saying
+// why) when it or a source cannot be read.
+bool Digested(const std::string& path, bool dropSignatures, std::string& manifest) {
+    try {
+        manifest = kitehost::FillDigests(ReadWhole(path), dropSignatures);
+        return true;
+    } catch (const kitehost::SourceUnreadable& source) {
+        std::fprintf(stderr, "kitehost: %s cannot be read\n", source.what());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "kitehost: %s cannot be read: %s\n", path.c_str(), error.what());
+    }
+    return false;
+}
+
 // For package authors: the manifest with the sha256 of every command's source filled in, so that
 // the installer verifies each payload before it changes anything.
 int RunDigest(HMODULE, const Args& args) {
-    std::ifstream in(args[0], std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    try {
-        kite::ptree tree = kite::ParseManifest(text.str().c_str());
-        for (kite::ptree::value_type& child : tree.get_child("commands")) {
-            if (child.first != "command") continue;
-            const std::string src = child.second.get<std::string>("src");
-            kite::UniqueHandle file(::CreateFileA(src.c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                                  nullptr, OPEN_EXISTING, 0, nullptr));
-            const std::string digest = file ? kite::Sha256OfFile(file.get()) : std::string();
-            if (digest.empty()) {
-                std::fprintf(stderr, "kitehost: %s cannot be read\n", src.c_str());
-                return 2;
-            }
-            child.second.put("sha256", digest);
-        }
-        std::ostringstream out;
-        boost::property_tree::write_xml(
-            out, tree, boost::property_tree::xml_writer_make_settings<std::string>(' ', 2));
-        std::fputs(out.str().c_str(), stdout);
-        return 0;
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "kitehost: %s cannot be read: %s\n", args[0].c_str(), error.what());
+    std::string manifest;
+    if (!Digested(args[0], false, manifest)) return 2;
+    std::fputs(manifest.c_str(), stdout);
+    return 0;
+}
+
+// For package authors: a new signing key in a file of its own (an existing file is never
+// replaced), and its public key as a machine's KiteTrustedKeys holds it.
+int RunKeygen(HMODULE, const Args& args) {
+    kitehost::SigningKey key;
+    if (!kitehost::GenerateSigningKey(key)) {
+        std::fprintf(stderr, "kitehost: CNG cannot make a P-256 key\n");
         return 2;
     }
+    const std::string text = kitehost::KeyFileText(key);
+    bool written = false;
+    {
+        kite::UniqueHandle file(::CreateFileA(args[0].c_str(), GENERIC_WRITE, 0, nullptr,
+                                              CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (!file) {
+            std::fprintf(stderr,
+                         "kitehost: %s cannot be created (error %lu); a key file is never "
+                         "replaced\n",
+                         args[0].c_str(), ::GetLastError());
+            return 2;
+        }
+        DWORD count = 0;
+        written = ::WriteFile(file.get(), text.data(), static_cast<DWORD>(text.size()), &count,
+                              nullptr) &&
+                  count == text.size();
+    }
+    if (!written) {
+        std::fprintf(stderr, "kitehost: %s cannot be written\n", args[0].c_str());
+        ::DeleteFileA(args[0].c_str());
+        return 2;
+    }
+    std::printf("%s\n", kitehost::PublicKeyText(key).c_str());
+    return 0;
+}
+
+// For package authors: the manifest with every digest filled in and its signature, any old one
+// removed. The bytes printed are the bytes signed, so stdout is switched to binary: a text-mode
+// stdout would turn each line end into CR LF and break the signature.
+int RunSign(HMODULE, const Args& args) {
+    kitehost::SigningKey key;
+    if (!kitehost::ReadKeyFileText(ReadWhole(args[1]), key)) {
+        std::fprintf(stderr, "kitehost: %s is not a P-256 key file (PEM \"EC PRIVATE KEY\")\n",
+                     args[1].c_str());
+        return 2;
+    }
+    std::string manifest;
+    if (!Digested(args[0], true, manifest)) return 2;
+    const std::string signedManifest = kitehost::SignManifestText(manifest, key);
+    if (signedManifest.empty()) {
+        std::fprintf(stderr, "kitehost: %s cannot sign (CNG refused the key)\n", args[1].c_str());
+        return 2;
+    }
+    std::fflush(stdout);
+    _setmode(_fileno(stdout), _O_BINARY);
+    std::fwrite(signedManifest.data(), 1, signedManifest.size(), stdout);
+    return 0;
 }
 
 // For package authors: every check an installation makes before its first change, run over the
@@ -333,6 +396,14 @@ const Command kCommands[] = {
      false, RunDigest},
     {"check", "check <package folder>  (linked library) list every refusal of its manifest.xml", 1,
      1, false, RunCheck},
+    {"keygen",
+     "keygen <private key file>  (linked library) write a new signing key, print its "
+     "public key",
+     1, 1, false, RunKeygen},
+    {"sign",
+     "sign <manifest.xml> <private key file>  (linked library) print it with every "
+     "sha256 and its signature",
+     2, 2, false, RunSign},
 };
 
 int Usage() {
