@@ -55,6 +55,11 @@ int CheckIsUserAdmin() {
 }
 
 int LaunchAndWait(const char* program, const char* arguments, const DWORD* wait) {
+    return LaunchAndWaitAs(nullptr, program, arguments, wait);
+}
+
+int LaunchAndWaitAs(const char* application, const char* program, const char* arguments,
+                    const DWORD* wait) {
     ScopeLog log("LaunchAndWait");
     if (program == nullptr || arguments == nullptr || wait == nullptr) {
         log << "Invalid argument: program, arguments or wait flag is null" << std::endl;
@@ -67,8 +72,8 @@ int LaunchAndWait(const char* program, const char* arguments, const DWORD* wait)
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
     PROCESS_INFORMATION started = {};
-    const BOOL created = Platform().CreateProcessA(nullptr, commandLine, nullptr, nullptr, FALSE, 0,
-                                                   nullptr, nullptr, &startup, &started);
+    const BOOL created = Platform().CreateProcessA(application, commandLine, nullptr, nullptr,
+                                                   FALSE, 0, nullptr, nullptr, &startup, &started);
     const DWORD error = ::GetLastError();
     log << "Process creation: " << (created ? 1 : 0) << std::endl;
     if (!created) return StatusOfError(error);

@@ -21,6 +21,12 @@ constexpr DWORD kLongestProgramWaitMs = 5 * 60 * 1000;
 // still running after kLongestProgramWaitMs is ended and answers 0x80070102 (wait timed out).
 int LaunchAndWait(const char* program, const char* arguments, const DWORD* wait);
 
+// LaunchAndWait with the program started named apart: the command line, and its trace, keep the
+// name the caller gives, while the program that runs is the one at application (a full path, or
+// nullptr to search for program as LaunchAndWait does).
+int LaunchAndWaitAs(const char* application, const char* program, const char* arguments,
+                    const DWORD* wait);
+
 // The text after the last backslash; the whole path when it has none.
 std::string FileNameOfPath(const std::string& path);
 

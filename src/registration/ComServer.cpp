@@ -21,6 +21,12 @@ HRESULT Run(const char* program, const std::string& arguments) {
     return static_cast<HRESULT>(LaunchAndWait(program, arguments.c_str(), &kWait));
 }
 
+// The same for a program named by its bare name on the command line and started from the path
+// given, so that no folder a user can write is searched for it.
+HRESULT RunAs(const char* application, const char* program, const std::string& arguments) {
+    return static_cast<HRESULT>(LaunchAndWaitAs(application, program, arguments.c_str(), &kWait));
+}
+
 std::string Regsvr32Arguments(const std::string& path, bool reg) {
     return std::string("/s ") + (reg ? "" : "/u ") + "\"" + path + "\"";
 }
@@ -78,8 +84,8 @@ HRESULT RegisterInProcessLogged(const char* scope, const std::string& path, bool
     return result;
 }
 
-// regsvr32 by its full path: started by its bare name, the host's folder and the current
-// folder would be searched first, and a copy planted there would run as administrator.
+// regsvr32 by its full path: found by its bare name, the host's folder and the current folder
+// would be searched first, and a copy planted there would run as administrator.
 HRESULT Regsvr32Path(char (&program)[261], bool bits32) {
     if (bits32) {
         if (FAILED(::SHGetFolderPathA(nullptr, CSIDL_SYSTEMX86, nullptr, 0, program)))
@@ -92,12 +98,22 @@ HRESULT Regsvr32Path(char (&program)[261], bool bits32) {
     return S_OK;
 }
 
+// The .NET 4 regasm of the 32-bit Framework folder (deliberately not Framework64) under the
+// folder Windows itself is installed in: a fixed drive letter could name a path that an ordinary
+// user may create when Windows lives on another drive.
+std::string FrameworkRegasmPath() {
+    char windows[261] = {};
+    const UINT chars = ::GetSystemWindowsDirectoryA(windows, sizeof windows);
+    if (chars == 0 || chars >= sizeof windows) return std::string();
+    return std::string(windows) + "\\Microsoft.NET\\Framework\\v4.0.30319\\regasm.exe";
+}
+
 }  // namespace
 
 HRESULT CInProcServer::RegisterWithRegsvr32(bool reg) {
     char program[261] = {};
     if (FAILED(Regsvr32Path(program, false))) return E_FAIL;
-    if (Run(program, Regsvr32Arguments(path, reg)) == S_OK) return S_OK;
+    if (RunAs(program, "regsvr32.exe", Regsvr32Arguments(path, reg)) == S_OK) return S_OK;
     return RegisterInProcess(reg);
 }
 
@@ -147,9 +163,8 @@ std::string RuntimeDirectory(ScopeLog& log) {
 HRESULT CDotNetAssembly::RunRegasm(bool reg) {
     ScopeLog log("CDotNetAssembly::_Register");
     log << "Assembly: " << path << " register: " << (reg ? 1 : 0) << std::endl;
-    // Deliberately the 32-bit Framework folder, not Framework64.
-    std::string regasm = "C:\\Windows\\Microsoft.NET\\Framework\\v4.0.30319\\regasm.exe";
-    if (_access(regasm.c_str(), 0) != 0) {
+    std::string regasm = FrameworkRegasmPath();
+    if (regasm.empty() || _access(regasm.c_str(), 0) != 0) {
         log << "regasm not found at " << regasm << std::endl;
         const std::string folder = RuntimeDirectory(log);
         regasm = folder.empty() ? std::string() : folder + "\\regasm.exe";

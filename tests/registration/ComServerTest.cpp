@@ -50,6 +50,11 @@ TEST_F(ComServerTest, InProcessAttemptAnswersTheEntryAndRestoresTheDllDirectory)
 
 HeldProgram* held;
 
+std::string WindowsFolder() {
+    char folder[MAX_PATH] = {};
+    return std::string(folder, ::GetSystemWindowsDirectoryA(folder, MAX_PATH));
+}
+
 // A failing 32-bit regsvr32 is followed by the in-process attempt. A tool still running at the
 // limit (the seam's wait stands in for the minutes, failing beyond them) is ended.
 TEST_F(ComServerTest, ToolsGetTheirCommandLinesAndTheirFailuresAnswer) {
@@ -60,7 +65,7 @@ TEST_F(ComServerTest, ToolsGetTheirCommandLinesAndTheirFailuresAnswer) {
     const std::tuple<kite::IComServer&, std::string, std::string, std::string, HRESULT> rows[] = {
         {*ocx, Recorder("C:\\windows\\syswow64\\regsvr32.exe"), "/s " + o, "/s /u " + o, 0},
         {*exe, exe->path, "/regserver", "/unregserver", E_UNEXPECTED},
-        {*net, Recorder("C:\\Windows\\Microsoft.NET\\Framework\\v4.0.30319\\regasm.exe"),
+        {*net, Recorder(WindowsFolder() + "\\Microsoft.NET\\Framework\\v4.0.30319\\regasm.exe"),
          n + " /silent /tlb", n + " /silent /unregister", E_UNEXPECTED}};
     for (const auto& [server, tool, reg, unreg, answer] : rows) {
         EXPECT_EQ(server.Register(), S_OK) << tool;
@@ -120,9 +125,9 @@ TEST_F(ComServerTest, RegisterFilesJournalsEachRegistrationUntilTheFirstFailure)
     const std::string planted = Recorder(ExeFolder() + "\\regsvr32.exe");
     const std::string a = Fixture("kitecom_ok", "a.dll"), s = Fixture("kitecom_sfalse", "s.dll");
     const std::string f = Fixture("kitecom_fail", "f.dll"), scope = "CKiteInstaller::RegisterFiles";
-    const std::vector<kite::PlannedCommand> plan = {{"", a, 0, {}, {}},       {"", a, 5, {}, {}}, {"", a, 2, {}, {}},
-                             {"", a + "x", 2, {}, {}}, {"", s, 6, {}, {}}, {"", f, 2, {}, {}},
-                                                   {"", a, 2, {}, {}}};
+    const std::vector<kite::PlannedCommand> plan = {
+        {"", a, 0, {}, {}}, {"", a, 5, {}, {}}, {"", a, 2, {}, {}}, {"", a + "x", 2, {}, {}},
+        {"", s, 6, {}, {}}, {"", f, 2, {}, {}}, {"", a, 2, {}, {}}};
     const std::tuple<bool, std::size_t, std::string, std::string, std::string> rows[] = {
         {false, 1, f, "2", "80040201"}, {true, 2, s, "6", "1"}};
     for (const auto& [folderSupport, registered, failed, type, hr] : rows) {
@@ -136,6 +141,9 @@ TEST_F(ComServerTest, RegisterFilesJournalsEachRegistrationUntilTheFirstFailure)
             LinesOfScope(log, "RegisterServer").back(),
             (Lines{"File: " + failed + " Register: 1ServerType: " + type, "HRESULT = " + hr}));
         EXPECT_EQ(LinesOfScope(log, "CInProcServer::_Register").size(), 1u);
+        // The system folder's regsvr32 ran, under the command line the trace has always shown.
+        EXPECT_EQ(LinesOfScope(log, "LaunchAndWait").front().front(),
+                  "\"regsvr32.exe\" /s " + Quote(a));
         EXPECT_EQ(LinesOfScope(log, scope).back(),
                   (Lines{scope + " Failed to register server for : " + failed + " 0",
                          scope + " Return: 0"}));
