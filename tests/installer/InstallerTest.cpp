@@ -1,4 +1,5 @@
 #include "KITEUpdate.h"
+#include "installer/KiteInstaller.h"
 #include "installer/Package.h"
 #include "support/PlatformOverride.h"
 
@@ -81,6 +82,18 @@ TEST_F(InstallerTest, HostileCommandsAreRefusedBeforeAnyChange) {
         EXPECT_EQ(package.State(), package.before());
         EXPECT_NE(ReadLog().find("refused command 6 ("), std::string::npos);
     }
+    // The author's check lists every refusal of a package, not only the first, and changes nothing.
+    std::string all = package.Manifest();
+    for (const auto& [src, dst] : rows) {
+        all.insert(all.rfind("</commands>"), Package::Command(src, dst, 0));
+    }
+    const std::vector<std::string> refusals = kite::CKiteInstaller().CheckPackage(all.c_str());
+    ASSERT_EQ(refusals.size(), std::size(rows));
+    for (std::size_t i = 0; i < refusals.size(); ++i) {
+        EXPECT_NE(refusals[i].find("refused command " + std::to_string(i + 6) + " ("),
+                  std::string::npos);
+    }
+    EXPECT_EQ(package.State(), package.before());
 }
 
 TEST_F(InstallerTest, PayloadsAreVerifiedBeforeAnyChange) {
