@@ -36,18 +36,19 @@ typedef int (*GetTwSlipstream2Fn)(const char* installFolder);
  * CriticalFixes folder. A refused package touches nothing and leaves no marker: 0x80096010 when a
  * payload's digest or the manifest's signature does not verify, 0x800B0100 when the machine
  * requires a signed manifest (KiteRequireSignature) and it is not signed, 0x80070666 when a signed
- * manifest names other releases than the installed one. */
+ * manifest names other releases than the installed one. 0x800700AA (ERROR_BUSY) when another
+ * installation or recovery of the same product folder runs: nothing touched. */
 long InstallKite(const char* manifestXml);
 typedef long (*InstallKiteFn)(const char* manifestXml);
 
 /* Ordinal 7: settles an installation of the product folder that was cut short (the host died,
- * the power failed). While InstallKite runs, its journal is written ahead to
+ * the power failed). Before its first change InstallKite writes its whole plan to
  * "<folder>\CriticalFixes\kite_journal.dat"; RecoverKite reads it and undoes what is pending, as
  * a failed installation is undone (so the force-apply marker is left and the host forces the fix
  * next time), or finishes the commit when it had begun. InstallKite does the same for its product
  * folder before it starts. Returns 0 when nothing was pending, 1 when an installation was undone,
- * 2 when its commit was finished, and an HRESULT failure when the journal cannot be read (or the
- * folder is null). */
+ * 2 when its commit was finished, 0x800700AA while another installation of the folder runs, and
+ * an HRESULT failure when the journal cannot be read (or the folder is null). */
 long RecoverKite(const char* productFolder);
 typedef long (*RecoverKiteFn)(const char* productFolder);
 

@@ -1,6 +1,7 @@
 #include "Signing.h"
 
 #include "common/Handles.h"
+#include "common/Platform.h"
 #include "common/Sha256.h"
 #include "installer/Manifest.h"
 #include "installer/Signature.h"
@@ -31,6 +32,20 @@ constexpr char kPemEnd[] = "-----END EC PRIVATE KEY-----";
 
 using Bytes = std::vector<unsigned char>;
 
+// kitehost runs as administrator like any host: the CNG calls that only signing needs come from
+// the system folder's bcrypt.dll, as the library's own do, never from a copy beside the program.
+// Null when the system's bcrypt.dll lacks them.
+template <typename Call>
+Call SystemCng(const char* name) {
+    static const HMODULE bcrypt =
+        ::LoadLibraryExA("bcrypt.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+    return bcrypt == nullptr
+               ? nullptr
+               : reinterpret_cast<Call>(reinterpret_cast<void*>(::GetProcAddress(bcrypt, name)));
+}
+
+#define KITE_SYSTEM_CNG(name) SystemCng<decltype(&::name)>(#name)
+
 void Append(Bytes& bytes, const unsigned char* more, std::size_t count) {
     bytes.insert(bytes.end(), more, more + count);
 }
@@ -56,12 +71,16 @@ bool GenerateSigningKey(SigningKey& key) {
     kite::UniqueCngKey pair;
     Bytes blob(sizeof(BCRYPT_ECCKEY_BLOB) + 3 * kCoordinateBytes);
     ULONG written = 0;
-    if (!BCRYPT_SUCCESS(::BCryptOpenAlgorithmProvider(algorithm.put(), BCRYPT_ECDSA_P256_ALGORITHM,
-                                                      nullptr, 0)) ||
-        !BCRYPT_SUCCESS(::BCryptGenerateKeyPair(algorithm.get(), pair.put(), 256, 0)) ||
-        !BCRYPT_SUCCESS(::BCryptFinalizeKeyPair(pair.get(), 0)) ||
-        !BCRYPT_SUCCESS(::BCryptExportKey(pair.get(), nullptr, BCRYPT_ECCPRIVATE_BLOB, blob.data(),
-                                          static_cast<ULONG>(blob.size()), &written, 0)) ||
+    const auto generate = KITE_SYSTEM_CNG(BCryptGenerateKeyPair);
+    const auto finalize = KITE_SYSTEM_CNG(BCryptFinalizeKeyPair);
+    const auto exportKey = KITE_SYSTEM_CNG(BCryptExportKey);
+    if (!generate || !finalize || !exportKey ||
+        !BCRYPT_SUCCESS(kite::Platform().BCryptOpenAlgorithmProvider(
+            algorithm.put(), BCRYPT_ECDSA_P256_ALGORITHM, nullptr, 0)) ||
+        !BCRYPT_SUCCESS(generate(algorithm.get(), pair.put(), 256, 0)) ||
+        !BCRYPT_SUCCESS(finalize(pair.get(), 0)) ||
+        !BCRYPT_SUCCESS(exportKey(pair.get(), nullptr, BCRYPT_ECCPRIVATE_BLOB, blob.data(),
+                                  static_cast<ULONG>(blob.size()), &written, 0)) ||
         written != blob.size()) {
         return false;
     }
@@ -114,15 +133,17 @@ std::vector<unsigned char> SignText(const std::string& text, const SigningKey& k
     kite::UniqueHashAlgorithm algorithm;
     kite::UniqueCngKey pair;
     ULONG written = 0;
-    if (digest.empty() ||
-        !BCRYPT_SUCCESS(::BCryptOpenAlgorithmProvider(algorithm.put(), BCRYPT_ECDSA_P256_ALGORITHM,
-                                                      nullptr, 0)) ||
-        !BCRYPT_SUCCESS(::BCryptImportKeyPair(algorithm.get(), nullptr, BCRYPT_ECCPRIVATE_BLOB,
-                                              pair.put(), blob.data(),
-                                              static_cast<ULONG>(blob.size()), 0)) ||
-        !BCRYPT_SUCCESS(::BCryptSignHash(pair.get(), nullptr, digest.data(),
-                                         static_cast<ULONG>(digest.size()), signature.data(),
-                                         static_cast<ULONG>(signature.size()), &written, 0)) ||
+    kite::PlatformCalls& cng = kite::Platform();
+    const auto sign = KITE_SYSTEM_CNG(BCryptSignHash);
+    if (digest.empty() || !sign ||
+        !BCRYPT_SUCCESS(cng.BCryptOpenAlgorithmProvider(algorithm.put(),
+                                                        BCRYPT_ECDSA_P256_ALGORITHM, nullptr, 0)) ||
+        !BCRYPT_SUCCESS(cng.BCryptImportKeyPair(algorithm.get(), nullptr, BCRYPT_ECCPRIVATE_BLOB,
+                                                pair.put(), blob.data(),
+                                                static_cast<ULONG>(blob.size()), 0)) ||
+        !BCRYPT_SUCCESS(sign(pair.get(), nullptr, digest.data(), static_cast<ULONG>(digest.size()),
+                             signature.data(), static_cast<ULONG>(signature.size()), &written,
+                             0)) ||
         written != signature.size()) {
         return Bytes();
     }
