@@ -60,17 +60,17 @@ bool PlacedHere(const WorkItem& item) {
 std::string FileIdentity(const std::string& path) {
     WIN32_FILE_ATTRIBUTE_DATA data;
     if (!::GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return std::string();
-    return IdentityOf((static_cast<unsigned long long>(data.nFileSizeHigh) << 32) |
-                          data.nFileSizeLow,
-                      data.ftLastWriteTime);
+    return IdentityOf(
+        (static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
+        data.ftLastWriteTime);
 }
 
 std::string FileIdentity(HANDLE file) {
     BY_HANDLE_FILE_INFORMATION info;
     if (!::GetFileInformationByHandle(file, &info)) return std::string();
-    return IdentityOf((static_cast<unsigned long long>(info.nFileSizeHigh) << 32) |
-                          info.nFileSizeLow,
-                      info.ftLastWriteTime);
+    return IdentityOf(
+        (static_cast<unsigned long long>(info.nFileSizeHigh) << 32) | info.nFileSizeLow,
+        info.ftLastWriteTime);
 }
 
 std::string CKiteInstaller::ProductExecutable() const {
@@ -130,8 +130,9 @@ bool CKiteInstaller::CopyFiles() {
 bool CKiteInstaller::CopyWithRetries(std::ostream& log, CommandState& state) {
     const std::string& src = state.command.src;
     const std::string& dst = state.command.dst;
-    const CopyJob job{state.source.get(), dst + kTempSuffix, true, state.placed,
-                      !state.facts.exists};
+    // A source missing at the check has no handle: it is looked for again at each attempt.
+    const CopyJob job{state.source ? state.source.get() : nullptr, dst + kTempSuffix, true,
+                      state.placed, !state.facts.exists};
     for (int attempt = 0; attempt <= kCopyRetries; ++attempt) {
         if (attempt > 0) Platform().Sleep(kCopyRetryWaitMs);
         if (CopyFile_S(src, dst, job)) {
@@ -163,10 +164,10 @@ bool CKiteInstaller::CopyFile_S(const std::string& source, const std::string& de
     }
     const std::string::size_type slash = destination.rfind('\\');
     const std::string folder = destination.substr(0, slash == std::string::npos ? 0 : slash);
-    const int created = job.makeFolder && slash != std::string::npos
-                            ? Platform().SHCreateDirectory(
-                                  nullptr, WidenText(folder, CP_THREAD_ACP).c_str())
-                            : ERROR_SUCCESS;
+    const int created =
+        job.makeFolder && slash != std::string::npos
+            ? Platform().SHCreateDirectory(nullptr, WidenText(folder, CP_THREAD_ACP).c_str())
+            : ERROR_SUCCESS;
     if (slash == std::string::npos) {
         log << "Error: Invalid path. " << destination << std::endl;
     } else if (created == ERROR_SUCCESS || created == ERROR_FILE_EXISTS ||
@@ -198,11 +199,10 @@ bool CKiteInstaller::CopyThroughTemp(const std::string& source, const std::strin
         // A placed file's source not held since the check (it was missing then) is opened as
         // the check opens it; a backup's source is the installed file, which others may hold.
         opened.reset(job.placeIt ? OpenSource(source)
-                                 : ::CreateFileA(source.c_str(), GENERIC_READ,
-                                                 FILE_SHARE_READ | FILE_SHARE_WRITE |
-                                                     FILE_SHARE_DELETE,
-                                                 nullptr, OPEN_EXISTING,
-                                                 FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+                                 : ::CreateFileA(
+                                       source.c_str(), GENERIC_READ,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                       nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
         if (!opened) return false;
         from = opened.get();
     }
@@ -215,15 +215,14 @@ bool CKiteInstaller::CopyThroughTemp(const std::string& source, const std::strin
     for (DWORD read = 1; ok && read > 0;) {
         DWORD written = 0;
         ok = ::ReadFile(from, copyBuffer_.get(), kCopyBufferBytes, &read, nullptr) &&
-             (read == 0 || (Platform().WriteFile(out.get(), copyBuffer_.get(), read, &written,
-                                                 nullptr) &&
-                            written == read));
+             (read == 0 ||
+              (Platform().WriteFile(out.get(), copyBuffer_.get(), read, &written, nullptr) &&
+               written == read));
     }
     FILETIME created, accessed, modified;
     ok = ok && ::GetFileTime(from, &created, &accessed, &modified) &&
          ::SetFileTime(out.get(), nullptr, nullptr, &modified) &&
-         (!job.placeIt ||
-          Platform().MoveFileExA(job.temp.c_str(), destination.c_str(), 0));
+         (!job.placeIt || Platform().MoveFileExA(job.temp.c_str(), destination.c_str(), 0));
     if (ok) {
         job.written = std::move(out);
         return true;

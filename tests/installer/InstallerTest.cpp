@@ -162,6 +162,17 @@ TEST_F(InstallerTest, FailingCopyIsRetriedWhileTheVerifiedSourceIsHeld) {
                                   "failed in attempt  3\r\n"});
     package.ExpectUndone();
     EXPECT_FALSE(Exists(dst + ".kitenew"));
+    // A source that was missing at the check is looked for again at each attempt.
+    platform.calls().MoveFileExA = ::MoveFileExA;
+    const std::string missing = package.pkg() + "\\gone.txt";
+    ClearLog();
+    EXPECT_EQ(InstallKite(package.ManifestOf(Package::Command(missing, dst, 0)).c_str()),
+              static_cast<long>(E_FAIL));
+    const std::string log = ReadLog(), line = "Error: " + missing + " doesn't exist\r\n";
+    int lines = 0;
+    for (auto at = log.find(line); at != std::string::npos; at = log.find(line, at + 1)) ++lines;
+    EXPECT_EQ(lines, 4);
+    EXPECT_EQ(ReadFileBytes(dst), "old notes\r\n");
 }
 
 // A new file held open cannot be deleted by the undo: the old one is put back over it at restart,
