@@ -3,17 +3,22 @@
 # rename-aside loop, Wine's xcopy and Windows Installer (an MSI built with wixl, installed by
 # Wine's msiexec), in a Wine prefix of its own (build/bench-prefix), against the loopback servers
 # of the tests. Prints one table with telemetry disabled and one with it enabled, the host's
-# memory and the cost of the pieces of one traced file.
+# memory and the cost of the pieces of one traced file. Two undos are measured: the package with
+# its last destination held open (the installation fails at that file), and the whole
+# installation undone ("undo-all": every file placed and made durable, then the write of the
+# commit mark fails; timed from that failure to InstallKite's return), next to the installation.
 #
 #   bash benchmarks/install.sh           5 runs each; 64 KiB files at 10, 100 and 1000 files,
 #                                        20 files of 8 MiB, mixed sizes at 10 and 100; the MSI
-#                                        peer when wixl is installed (apt-get install wixl); about
+#                                        peer (wixl, which scripts/deps.sh installs); about
 #                                        12 minutes
 #   bash benchmarks/install.sh --quick   3 runs, 64 KiB files only, no MSI; about 5 minutes
 #
 #   KITE_BENCH_SHAPES="1000:64k" KITE_BENCH_TELEMETRY=off bash benchmarks/install.sh
 #                                        only the packages (count:64k|8m|mixed) and telemetry
 #                                        settings named
+#   KITE_BENCH_RUNS=1 bash benchmarks/install.sh
+#                                        that many runs each instead of 5 (3 with --quick)
 #   KITE_BENCH_DIGESTS=1 bash benchmarks/install.sh
 #                                        also an installation whose commands carry each source's
 #                                        sha256 (computed before timing), next to every plain one
@@ -87,6 +92,7 @@ else
     shapes="10:64k 100:64k 1000:64k 20:8m 10:mixed 100:mixed"
 fi
 shapes=${KITE_BENCH_SHAPES:-$shapes}
+runs=${KITE_BENCH_RUNS:-$runs}
 msi=0
 if [ $quick = 0 ] && command -v wixl >/dev/null; then msi=1; fi
 [ $quick = 0 ] && [ $msi = 0 ] && echo "wixl is not installed: no MSI peer (apt-get install wixl)"

@@ -13,9 +13,15 @@
 // to 8 MiB, then again). With KITE_BENCH_DIGESTS=1, prepare also writes each source's SHA-256
 // (<root>\digests.txt) and run measures, next to every installation, one whose commands carry
 // them.
+// run also measures the undo of a whole installation: the same package installed through the
+// static library in this process, with the write of its commit mark failing, after every file was
+// placed and made durable; "undo-all" is the time from that failure to InstallKite's return,
+// "install-undone" the whole call.
 // The product folder holds tww.exe at release 27.0.4008 (backups on) and one file of the same
 // name and size for each package file, so that every file of the package replaces one.
+#include "KITEUpdate.h"
 #include "Signing.h"
+#include "common/Platform.h"
 #include "common/Sha256.h"
 #include "installer/JournalFile.h"
 #include "installer/KiteInstaller.h"
@@ -297,6 +303,22 @@ double TimeChildInstall(const std::string& root, const char* mode, long& code) {
     return elapsed;
 }
 
+// The commit mark ("C" and a line end, the journal's only write of two bytes) fails, once every
+// file of the installation is placed and durable, so that each change is undone; when it failed
+// is kept. The static library's platform table is this process's own (the DLL has its own).
+decltype(&::WriteFile) realWriteFile = nullptr;
+double commitMarkFailedAt = 0;
+
+BOOL WINAPI FailCommitMark(HANDLE file, LPCVOID data, DWORD bytes, LPDWORD written,
+                           LPOVERLAPPED overlapped) {
+    if (bytes == 2 && std::memcmp(data, "C\n", 2) == 0) {
+        commitMarkFailedAt = Seconds();
+        ::SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    }
+    return realWriteFile(file, data, bytes, written, overlapped);
+}
+
 struct Measured {
     std::string name;
     std::vector<double> seconds;
@@ -390,7 +412,8 @@ int Run(const std::string& root, int runs, const std::string& msi) {
 
     Measured copy{"copy-loop", {}, 0}, rename{"rename-loop", {}, 0}, xcopy{"xcopy", {}, 0},
         install{"install", {}, 0}, undo{"undo", {}, 0}, peer{"msi", {}, 0},
-        installDigests{"install-digests", {}, 0};
+        installDigests{"install-digests", {}, 0}, undoAll{"undo-all", {}, 0},
+        installUndone{"install-undone", {}, 0};
     const bool digests = !package.digests.empty();
     const std::string manifestDigests = digests ? Manifest(package, true) : std::string();
     const std::string xcopyLine =
@@ -409,6 +432,27 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         ProcessTimes(userAfter, kernelAfter);
         user += userAfter - userBefore;
         kernel += kernelAfter - kernelBefore;
+    };
+    // The whole installation undone, through the static library: it failed at its commit mark,
+    // its undo is timed from there. The library's first call in this process (its telemetry
+    // configuration, the system DLLs of its platform table) is made before, untimed.
+    if (::InstallKite(manifest.c_str()) != S_OK) Fail("an installation failed");
+    const auto undoWhole = [&] {
+        kite::PlatformCalls& platform = kite::Platform();
+        realWriteFile = platform.WriteFile;
+        platform.WriteFile = FailCommitMark;
+        commitMarkFailedAt = 0;
+        const std::streamoff before = LogSize(log);
+        const double start = Seconds();
+        const long result = ::InstallKite(manifest.c_str());
+        const double end = Seconds();
+        platform.WriteFile = realWriteFile;
+        if (result != E_FAIL || commitMarkFailedAt == 0) {
+            Fail("the installation did not fail at its commit mark");
+        }
+        installUndone.seconds.push_back(end - start);
+        undoAll.seconds.push_back(end - commitMarkFailedAt);
+        installUndone.scopes = ScopesSince(log, before);
     };
     for (int round = 0; round < runs; ++round) {
         double start = Seconds();
@@ -465,6 +509,7 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         // A host that ended left the new files in place and the old ones under GUID names; the
         // next round starts from the same product again.
         if (ends) CopyLoop(package);
+        undoWhole();
 
         if (!msi.empty()) {
             ResetForMsi(package, msi);
@@ -474,7 +519,8 @@ int Run(const std::string& root, int runs, const std::string& msi) {
         }
     }
     PrintLine(package, first);
-    for (const Measured* measured : {&copy, &rename, &xcopy, &install, &undo}) {
+    for (const Measured* measured :
+         {&copy, &rename, &xcopy, &install, &undo, &undoAll, &installUndone}) {
         PrintLine(package, *measured);
     }
     if (!msi.empty()) PrintLine(package, peer);

@@ -3,7 +3,7 @@ import sys
 from collections import defaultdict
 
 METHODS = ["copy-loop", "rename-loop", "xcopy", "msi", "install-first", "install", "install-digests",
-           "undo"]
+           "undo", "install-undone", "undo-all"]
 NAMES = {
     "copy-loop": "CopyFileA loop",
     "rename-loop": "rename-aside loop",
@@ -13,6 +13,8 @@ NAMES = {
     "install": "InstallKite",
     "install-digests": "InstallKite with digests",
     "undo": "InstallKite failing at last file (undo)",
+    "install-undone": "InstallKite failing at its commit mark (all undone)",
+    "undo-all": "  its undo alone, from the failed commit mark",
 }
 
 
@@ -82,6 +84,15 @@ def main():
                 plain, verified = (float(got[m]["median"]) for m in ("install", "install-digests"))
                 print(f"digests at {key[1]} files, {key[2] / 2**20:.1f} MiB: {verified:.3f} s against"
                       f" {plain:.3f} s, x{verified / plain:.3f}")
+        for key in keys:
+            got = runs[key]
+            if "undo-all" in got:
+                plain, undone, whole = (float(got[m]["median"])
+                                        for m in ("install", "undo-all", "install-undone"))
+                print(f"undo of the whole installation at {key[1]} files, {key[2] / 2**20:.1f} MiB:"
+                      f" {undone:.3f} s against InstallKite {plain:.3f} s, x{undone / plain:.3f};"
+                      f" installed up to the commit mark in {whole - undone:.3f} s,"
+                      f" x{undone / (whole - undone):.3f} of that")
         # Growth from the smallest to the largest package of the same file size.
         by_size = defaultdict(list)
         for key in keys:
