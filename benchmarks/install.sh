@@ -7,6 +7,8 @@
 # its last destination held open (the installation fails at that file), and the whole
 # installation undone ("undo-all": every file placed and made durable, then the write of the
 # commit mark fails; timed from that failure to InstallKite's return), next to the installation.
+# With telemetry disabled, one more installation of each package has its file calls counted and
+# timed (kiteinstallbench calls).
 #
 #   bash benchmarks/install.sh           5 runs each; 64 KiB files at 10, 100 and 1000 files,
 #                                        20 files of 8 MiB, mixed sizes at 10 and 100; the MSI
@@ -122,6 +124,8 @@ for telemetry in ${KITE_BENCH_TELEMETRY:-off on}; do
             echo "memory-rss files=$count bytes=$(awk '{s+=$1} END {print s}' "$folder/sizes.txt")" \
                 "maxrss-kib=$(tail -1 "$servers/rss")" >>"$results"
         fi
+        # Where one installation's time goes: its file calls, counted and timed.
+        if [ $telemetry = off ]; then bench calls "$windows" >>"$results"; fi
         if [ $telemetry = off ] && [ "$shape" = "1000:64k" ]; then
             bench profile "$windows" 1000 >>"$results"
         fi

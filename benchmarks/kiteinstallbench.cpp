@@ -7,6 +7,7 @@
 //   kiteinstallbench run <root> <runs> [<msi>]        measures every method, prints one line each
 //   kiteinstallbench memory <root>                    one installation; prints the host's memory
 //   kiteinstallbench profile <root> <count>           what the steps of one traced file cost
+//   kiteinstallbench calls <root>                     the file calls of one installation, timed
 //   kiteinstallbench clean <root>                     deletes what prepare made
 //
 // <sizes> is "64k" (every file 64 KiB), "8m" (every file 8 MiB) or "mixed" (4 KiB doubling up
@@ -637,6 +638,12 @@ int Profile(const std::string& root, int count) {
     const int files = package.count;
     time("access",
          [&](int i) { (void)::GetFileAttributesA(package.ProductPath(i % files).c_str()); });
+    // Under Wine a name that is not there is looked for through the whole folder, whatever its
+    // case: every new name an installation makes (aside, temporary, the name it then takes)
+    // costs that, against a folder that grows by the files set aside.
+    const std::string missing = package.root + "\\product\\missing.dll";
+    time("access-missing", [&](int) { (void)::GetFileAttributesA(missing.c_str()); });
+    time("drive-type", [](int) { (void)::GetDriveTypeA("C:\\"); });
     // What verifying one source adds: its open denying writes and deletes (the hold is that
     // handle, kept open), and the open with the reading and hashing of its bytes.
     time("source-open-close", [&](int i) {
@@ -644,6 +651,15 @@ int Profile(const std::string& root, int count) {
             ::CreateFileA(package.PackagePath(i % files).c_str(), GENERIC_READ, FILE_SHARE_READ,
                           nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
     });
+    {
+        const kite::UniqueHandle source(::CreateFileA(package.PackagePath(0).c_str(), GENERIC_READ,
+                                                      FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
+                                                      nullptr));
+        time("file-information", [&](int) {
+            BY_HANDLE_FILE_INFORMATION info;
+            (void)::GetFileInformationByHandle(source.get(), &info);
+        });
+    }
     time("source-open-sha256", [&](int i) { (void)SourceDigest(package.PackagePath(i % files)); });
     time("guid", [](int) {
         GUID guid;
@@ -675,6 +691,79 @@ int Profile(const std::string& root, int count) {
     return 0;
 }
 
+// The file calls of one installation through the static library's platform table (this
+// process's own): per entry, how often, the time spent in it (summed over the threads that flush)
+// and when it was first and last called after the installation began, which shows its steps:
+// the checks before the first GUID, the copies, the flushes, the commit's deletions.
+struct CallStats {
+    const char* name = nullptr;
+    long count = 0;
+    double seconds = 0, first = -1, last = 0;
+};
+CallStats callStats[8];
+double callsStart = 0;
+CRITICAL_SECTION callsLock;
+
+template <int Id, typename R, typename... A>
+struct Timed {
+    static R (*real)(A...);
+    static R WINAPI Call(A... args) {
+        const double start = Seconds();
+        const R result = real(args...);
+        ::EnterCriticalSection(&callsLock);
+        CallStats& stats = callStats[Id];
+        stats.count++;
+        stats.seconds += Seconds() - start;
+        if (stats.first < 0) stats.first = start - callsStart;
+        stats.last = std::max(stats.last, start - callsStart);
+        ::LeaveCriticalSection(&callsLock);
+        return result;
+    }
+};
+template <int Id, typename R, typename... A>
+R (*Timed<Id, R, A...>::real)
+(A...) = nullptr;
+
+template <int Id, typename R, typename... A>
+void TimeEntry(R (*&entry)(A...), const char* name) {
+    Timed<Id, R, A...>::real = entry;
+    entry = &Timed<Id, R, A...>::Call;
+    callStats[Id] = CallStats{name};
+}
+
+// An installation into a product whose backups exist (the first one, untimed, makes them).
+int Calls(const std::string& root) {
+    const Package package = LoadPackage(root);
+    const std::string manifest = Manifest(package);
+    ::InitializeCriticalSection(&callsLock);
+    if (::InstallKite(manifest.c_str()) != S_OK) Fail("an installation failed");
+    kite::PlatformCalls& platform = kite::Platform();
+    const kite::PlatformCalls saved = platform;
+    TimeEntry<0>(platform.CoCreateGuid, "CoCreateGuid");
+    TimeEntry<1>(platform.CreateFileA, "CreateFileA");
+    TimeEntry<2>(platform.WriteFile, "WriteFile");
+    TimeEntry<3>(platform.FlushFileBuffers, "FlushFileBuffers");
+    TimeEntry<4>(platform.MoveFileA, "MoveFileA");
+    TimeEntry<5>(platform.MoveFileExA, "MoveFileExA");
+    TimeEntry<6>(platform.DeleteFileA, "DeleteFileA");
+    TimeEntry<7>(platform.SHCreateDirectory, "SHCreateDirectory");
+    double userBefore = 0, kernelBefore = 0, userAfter = 0, kernelAfter = 0;
+    ProcessTimes(userBefore, kernelBefore);
+    callsStart = Seconds();
+    const long result = ::InstallKite(manifest.c_str());
+    const double total = Seconds() - callsStart;
+    ProcessTimes(userAfter, kernelAfter);
+    platform = saved;
+    if (result != S_OK) Fail("an installation failed");
+    std::printf("calls files=%d total=%.3f user=%.3f kernel=%.3f\n", package.count, total,
+                userAfter - userBefore, kernelAfter - kernelBefore);
+    for (const CallStats& stats : callStats) {
+        std::printf("calls files=%d %s count=%ld seconds=%.3f first=%.3f last=%.3f\n",
+                    package.count, stats.name, stats.count, stats.seconds, stats.first, stats.last);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -684,6 +773,7 @@ int main(int argc, char** argv) {
         return Run(argv[2], std::atoi(argv[3]), argc == 5 ? argv[4] : "");
     }
     if (command == "memory" && argc == 3) return Memory(argv[2]);
+    if (command == "calls" && argc == 3) return Calls(argv[2]);
     if (command == "install-once" && argc == 4) return InstallOnce(argv[2], argv[3]);
     if (command == "profile" && argc == 4) return Profile(argv[2], std::atoi(argv[3]));
     if (command == "clean" && argc == 3) {
@@ -695,6 +785,7 @@ int main(int argc, char** argv) {
                  "       kiteinstallbench run <root> <runs> [<msi>]\n"
                  "       kiteinstallbench memory <root>\n"
                  "       kiteinstallbench profile <root> <count>\n"
+                 "       kiteinstallbench calls <root>\n"
                  "       kiteinstallbench clean <root>\n");
     return 2;
 }

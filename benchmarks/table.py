@@ -20,7 +20,7 @@ NAMES = {
 
 def parse(path):
     runs = defaultdict(dict)  # (telemetry, files, bytes) -> method -> fields
-    memory, profile, cpu = [], [], []
+    memory, profile, cpu, calls = [], [], [], []
     for line in open(path):
         words = line.split()
         if not words:
@@ -29,6 +29,9 @@ def parse(path):
             profile.append((words[1], float(words[2].split("=")[1])))
             continue
         fields = dict(w.split("=", 1) for w in words if "=" in w)
+        if words[0] == "calls":
+            calls.append((words[2] if "=" not in words[2] else "", fields))
+            continue
         method = [w for w in words if "=" not in w][0]
         if method == "memory-rss":
             memory.append(fields)
@@ -40,7 +43,7 @@ def parse(path):
             continue
         key = (fields["telemetry"], int(fields["files"]), int(fields["bytes"]))
         runs[key][method] = fields
-    return runs, memory, profile, cpu
+    return runs, memory, profile, cpu, calls
 
 
 def ratio(value, base):
@@ -48,7 +51,7 @@ def ratio(value, base):
 
 
 def main():
-    runs, memory, profile, cpu = parse(sys.argv[1])
+    runs, memory, profile, cpu, calls = parse(sys.argv[1])
     for telemetry in ("off", "on"):
         keys = sorted(k for k in runs if k[0] == telemetry)
         if not keys:
@@ -137,6 +140,16 @@ def main():
                 wall = float(runs[key]["install-digests"]["median"])
                 print(f"  {'with digests':>39}: user {float(c['digests-user']):.3f} s,"
                       f" kernel {float(c['digests-kernel']):.3f} s, of {wall:.3f} s")
+    if calls:
+        print("\nFile calls of one installation through the platform table (backups kept)")
+        for name, c in calls:
+            if not name:
+                print(f"  {int(c['files']):5d} files: {float(c['total']):.3f} s, user"
+                      f" {float(c['user']):.3f} s, kernel {float(c['kernel']):.3f} s;"
+                      " count, seconds in the call, first and last call after the start")
+            elif int(c["count"]):
+                print(f"  {name:<20} {int(c['count']):6d} {float(c['seconds']):8.3f}"
+                      f" {float(c['first']):8.3f} {float(c['last']):8.3f}")
     if memory:
         print("\nHost process during one installation: largest resident size (Wine included)")
         for m in memory:
