@@ -13,6 +13,7 @@
 #include <objbase.h>
 #include <io.h>
 
+#include <map>
 #include <set>
 
 namespace kite {
@@ -68,6 +69,8 @@ std::vector<Refused> CKiteInstaller::Refusals(const std::vector<PlannedCommand>&
     std::string reason = ReparseRefusal(productFolder_, JournalPath(productFolder_));
     if (!reason.empty()) refused.push_back({FolderRefusalText(reason), E_FAIL});
     const bool digestsRequired = DigestsRequired();
+    DriveTypes drives;
+    std::map<std::string, std::size_t> destinations;  // upper-cased, to the first command naming it
     commands_.resize(commands.size());
     for (std::size_t i = 0; i < commands.size() && (all || refused.empty()); ++i) {
         CommandState& state = commands_[i];
@@ -75,13 +78,12 @@ std::vector<Refused> CKiteInstaller::Refusals(const std::vector<PlannedCommand>&
         state.index = i;
         HRESULT status = E_FAIL;
         reason = CommandRefusal(productFolder_, state.command);
-        for (std::size_t j = 0; reason.empty() && j < i; ++j) {
-            if (SamePath(commands[j].dst, state.command.dst)) {
-                reason = "dst is named by command " + std::to_string(j + 1) + " too";
-            }
+        const auto named = destinations.emplace(FoldedPath(state.command.dst), i).first;
+        if (reason.empty() && named->second != i) {
+            reason = "dst is named by command " + std::to_string(named->second + 1) + " too";
         }
         if (reason.empty()) reason = ReparseRefusal(productFolder_, state.command.dst);
-        if (reason.empty()) reason = SourceRefusal(state.command, state.source);
+        if (reason.empty()) reason = SourceRefusal(state.command, drives, state.source);
         if (reason.empty() && (state.command.hasDigest || digestsRequired)) {
             reason = DigestRefusal(state.command, state.source.get());
             status = kBadDigest;
@@ -143,11 +145,10 @@ HRESULT CKiteInstaller::Survey(std::ostream& log) {
         }
         CommandFacts& facts = state.facts;
         facts.exists = attributes != INVALID_FILE_ATTRIBUTES;
-        std::string backup = BackupPath(productFolder_, dst);
-        for (char& c : backup) c = static_cast<char>(::toupper(static_cast<unsigned char>(c)));
+        const std::string backup = BackupPath(productFolder_, dst);
         facts.backupWanted = facts.exists && IsWorthBackingUp(dst) &&
-                             _access(BackupPath(productFolder_, dst).c_str(), 0) != 0 &&
-                             backups.insert(backup).second;
+                             _access(backup.c_str(), 0) != 0 &&
+                             backups.insert(FoldedPath(backup)).second;
         if (facts.exists) {
             const std::string guid = NewGuidText();
             if (!guid.empty()) facts.aside = dst.substr(0, dst.rfind('\\') + 1) + guid;

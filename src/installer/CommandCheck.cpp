@@ -20,6 +20,12 @@ constexpr const char* kLongestOwnName = "force_apply_kite.dat";
 
 }  // namespace
 
+std::string FoldedPath(const std::string& path) {
+    std::string folded = path;
+    for (char& c : folded) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return folded;
+}
+
 bool SamePath(const std::string& a, const std::string& b) {
     if (a.size() != b.size()) return false;
     for (std::size_t i = 0; i < a.size(); ++i) {

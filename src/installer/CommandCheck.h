@@ -45,6 +45,9 @@ std::string PathInsideRefusal(const std::string& appdir, const std::string& path
 // buffer.
 std::string CommandRefusal(const std::string& appdir, const PlannedCommand& command);
 
+// The path as SamePath compares it: two paths are the same exactly when these are equal.
+std::string FoldedPath(const std::string& path);
+
 // Whether two paths name the same file, as the file system compares names (without regard to
 // case).
 bool SamePath(const std::string& a, const std::string& b);

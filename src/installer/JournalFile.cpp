@@ -34,8 +34,8 @@ bool JournalFile::MarkCommit() { return Append("C\n"); }
 bool JournalFile::Append(const std::string& text) {
     if (!file_.valid()) return false;
     DWORD written = 0;
-    return Platform().WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()),
-                                &written, nullptr) &&
+    return Platform().WriteFile(file_.get(), text.data(), static_cast<DWORD>(text.size()), &written,
+                                nullptr) &&
            written == text.size() && Platform().FlushFileBuffers(file_.get());
 }
 

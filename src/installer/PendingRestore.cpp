@@ -52,7 +52,8 @@ std::vector<PendingRename> ReadPendingRenames(const std::string& multiString) {
     // The list ends with an empty string, which is no pair's source.
     if (names.size() % 2 == 1 && names.back().empty()) names.pop_back();
     std::vector<PendingRename> renames;
-    for (std::size_t i = 0; i + 1 < names.size(); i += 2) renames.push_back({names[i], names[i + 1]});
+    for (std::size_t i = 0; i + 1 < names.size(); i += 2)
+        renames.push_back({names[i], names[i + 1]});
     return renames;
 }
 
@@ -89,9 +90,8 @@ HRESULT CKiteInstaller::SettlePendingRestores(std::ostream& log) {
             !rename.target.empty() && PathInsideRefusal(productFolder_, source).empty();
         if (!ours) {
             kept.push_back(rename);
-        } else if (restore &&
-                   !Platform().MoveFileExA(source.c_str(), target.c_str(),
-                                           MOVEFILE_REPLACE_EXISTING)) {
+        } else if (restore && !Platform().MoveFileExA(source.c_str(), target.c_str(),
+                                                      MOVEFILE_REPLACE_EXISTING)) {
             TraceAndReport(log,
                            "KITE: CKiteInstaller::Install refused the product folder " +
                                productFolder_ + ": " + source + " is to replace " + target +

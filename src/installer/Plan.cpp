@@ -7,7 +7,9 @@ namespace kite {
 
 namespace {
 
-bool IsChange(char kind) { return kind != 0 && std::string("MBAPG").find(kind) != std::string::npos; }
+bool IsChange(char kind) {
+    return kind != 0 && std::string("MBAPG").find(kind) != std::string::npos;
+}
 
 bool ParseItem(const std::vector<std::string>& fields, WorkItem& item) {
     if (fields.size() != 6 || fields[0].size() != 1 || !IsChange(fields[0][0])) return false;
@@ -76,8 +78,8 @@ std::vector<WorkItem> PlanChanges(const std::string& productFolder,
 }
 
 std::string JournalText(const InstallPlan& plan) {
-    std::string text = std::string(plan.folderSupport ? "F\n" : "") +
-                       (plan.createdFolder ? "D\n" : "");
+    std::string text =
+        std::string(plan.folderSupport ? "F\n" : "") + (plan.createdFolder ? "D\n" : "");
     for (const WorkItem& item : plan.items) {
         text += std::string(1, static_cast<char>(item.change)) + "\t" + item.target + "\t" +
                 item.aside + "\t" + item.temp + "\t" + std::to_string(item.serverType) + "\t" +

@@ -36,23 +36,31 @@ HANDLE OpenSource(const std::string& path) {
         ::SetLastError(ERROR_CANT_ACCESS_FILE);
         return INVALID_HANDLE_VALUE;
     }
-    UniqueHandle file(::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                    OPEN_EXISTING,
-                                    FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
-                                    nullptr));
-    BY_HANDLE_FILE_INFORMATION info;
-    if (file && (!::GetFileInformationByHandle(file.get(), &info) ||
-                 (info.dwFileAttributes &
-                  (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0)) {
+    UniqueHandle file(
+        ::CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                      FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    // The attributes alone: the whole BY_HANDLE_FILE_INFORMATION makes Wine ask the volume for
+    // its serial number, a hundred times as costly.
+    FILE_ATTRIBUTE_TAG_INFO info;
+    if (file &&
+        (!::GetFileInformationByHandleEx(file.get(), FileAttributeTagInfo, &info, sizeof info) ||
+         (info.FileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0)) {
         ::SetLastError(ERROR_CANT_ACCESS_FILE);
         return INVALID_HANDLE_VALUE;
     }
     return file.release();
 }
 
-std::string SourceRefusal(const PlannedCommand& command, UniqueHandle& held) {
+UINT DriveTypes::Of(const std::string& path) {
+    const char letter = static_cast<char>(::toupper(static_cast<unsigned char>(path[0])));
+    const auto known = known_.find(letter);
+    if (known != known_.end()) return known->second;
+    return known_[letter] = ::GetDriveTypeA(path.substr(0, 3).c_str());
+}
+
+std::string SourceRefusal(const PlannedCommand& command, DriveTypes& drives, UniqueHandle& held) {
     const std::string& src = command.src;
-    if (::GetDriveTypeA((src.substr(0, 3)).c_str()) == DRIVE_REMOTE) {
+    if (drives.Of(src) == DRIVE_REMOTE) {
         return "src " + src + " is on a network drive";
     }
     held.reset(OpenSource(src));
