@@ -138,13 +138,7 @@ std::vector<std::string> ReadTrustedKeys() {
     return keys;
 }
 
-bool SignatureRequired() {
-    DWORD value = 0;
-    DWORD bytes = sizeof value;
-    return ::RegGetValueA(HKEY_LOCAL_MACHINE, kCommonKey, kRequireSignatureValue, RRF_RT_REG_DWORD,
-                          nullptr, &value, &bytes) == ERROR_SUCCESS &&
-           value == 1;
-}
+bool SignatureRequired() { return PolicyIsOne(kRequireSignatureValue); }
 
 std::vector<SignatureElement> FindSignatureElements(const std::string& manifest) {
     std::vector<SignatureElement> found;

@@ -70,13 +70,15 @@ std::string SourceRefusal(const PlannedCommand& command, DriveTypes& drives, Uni
     return std::string();
 }
 
-bool DigestsRequired() {
+bool PolicyIsOne(const char* name) {
     DWORD value = 0;
     DWORD bytes = sizeof value;
-    return ::RegGetValueA(HKEY_LOCAL_MACHINE, kCommonKey, kRequireDigestsValue, RRF_RT_REG_DWORD,
-                          nullptr, &value, &bytes) == ERROR_SUCCESS &&
+    return ::RegGetValueA(HKEY_LOCAL_MACHINE, kCommonKey, name, RRF_RT_REG_DWORD, nullptr, &value,
+                          &bytes) == ERROR_SUCCESS &&
            value == 1;
 }
+
+bool DigestsRequired() { return PolicyIsOne(kRequireDigestsValue); }
 
 std::string DigestRefusal(const PlannedCommand& command, HANDLE held) {
     if (!command.hasDigest) return "it carries no sha256 and the policy requires one";

@@ -41,6 +41,9 @@ class DriveTypes {
 // refusal (its copy fails, as a copy of a missing file does).
 std::string SourceRefusal(const PlannedCommand& command, DriveTypes& drives, UniqueHandle& held);
 
+// Whether the DWORD policy value of that name under the product's common key is 1.
+bool PolicyIsOne(const char* name);
+
 // Whether the machine's policy (DWORD KiteRequireDigests = 1 under the product's common key)
 // refuses commands that carry no digest.
 bool DigestsRequired();
